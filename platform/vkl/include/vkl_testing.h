@@ -1,0 +1,40 @@
+/*
+ * Test control of the VKL stand-in: fault injection, call counts and forced
+ * status records. Process-wide; meant for tests, costs next to nothing when
+ * no fault is armed.
+ */
+#ifndef VKL_TESTING_H
+#define VKL_TESTING_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Disarms every fault, clears counts and the call log, makes every status record clean again. */
+void VKLTest_Reset(void);
+
+/* The VKL function named `function` runs normally `skip` more times; then for `times` calls
+ * (every later call when negative) it does none of its work, queues
+ * "<function>: injected failure" and returns `result` converted to its return type
+ * (null for functions that return a pointer). */
+void VKLTest_FailCall(const char* function, unsigned skip, int times, long result);
+
+/* The record that "VKL_GetStatus", "VKL_SelfTest" or "VKL_GenerateRandomSeed" fills from now on.
+ * A null description stands for an empty one. */
+void VKLTest_SetStatus(const char* function, int major, int minor, const char* description);
+
+/* Calls of `function` since the last reset. */
+unsigned long VKLTest_CallCount(const char* function);
+
+/* The length or count argument of the latest call of `function`; -1 before any call. */
+long VKLTest_LastLength(const char* function);
+
+/* Names of the VKL functions called since the last reset, one per line, oldest first
+ * (the latest 8192 at most). Valid until the next call of this function or a reset. */
+const char* VKLTest_CallLog(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VKL_TESTING_H */

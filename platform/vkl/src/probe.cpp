@@ -1,0 +1,163 @@
+#include "probe.h"
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include <vkl_testing.h>
+
+#include "errors.h"
+#include "testing_state.h"
+
+namespace vkl {
+namespace {
+
+struct ForcedRecord {
+    bool set = false;
+    VKL_STATUS_t record{};
+};
+
+// One lock for the registry, the fault counters and the forced records: all of
+// it is touched only when a probe is made, a fault is armed or fires, or a test
+// asks; never on an unarmed call.
+struct Registry {
+    std::mutex lock;
+    std::unordered_map<std::string, std::unique_ptr<Probe>> probes;
+    std::unordered_map<std::string, ForcedRecord> forced;
+    std::string logText;
+};
+
+Registry& TheRegistry() {
+    static Registry* registry = new Registry;  // outlives every static destructor that might call VKL
+    return *registry;
+}
+
+// The call log: a ring of name pointers (probe names live for the whole process).
+constexpr size_t kLogSize = 8192;
+std::array<std::atomic<const char*>, kLogSize> g_log{};
+std::atomic<unsigned long> g_logNext{0};
+
+}  // namespace
+
+Probe& Probe::Named(const char* function) {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> guard(registry.lock);
+    auto& slot = registry.probes[function];
+    if (!slot) slot = std::make_unique<Probe>(function);
+    return *slot;
+}
+
+void Probe::Record() {
+    m_count.fetch_add(1, std::memory_order_relaxed);
+    unsigned long index = g_logNext.fetch_add(1, std::memory_order_relaxed);
+    g_log[index % kLogSize].store(m_name.c_str(), std::memory_order_relaxed);
+}
+
+bool Probe::Fire() {
+    {
+        std::lock_guard<std::mutex> guard(TheRegistry().lock);
+        if (!m_armed.load(std::memory_order_relaxed)) return false;
+        if (m_skip > 0) {
+            --m_skip;
+            return false;
+        }
+        if (m_times == 0) {
+            m_armed.store(false, std::memory_order_relaxed);
+            return false;
+        }
+        if (m_times > 0 && --m_times == 0) m_armed.store(false, std::memory_order_relaxed);
+    }
+    QueueError(m_name + ": injected failure");
+    return true;
+}
+
+void Probe::Arm(unsigned skip, int times, long result) {
+    m_skip = skip;
+    m_times = times;
+    m_result = result;
+    m_armed.store(times != 0, std::memory_order_relaxed);
+}
+
+void Probe::Reset() {
+    m_armed.store(false, std::memory_order_relaxed);
+    m_skip = 0;
+    m_times = 0;
+    m_result = 0;
+    m_count.store(0, std::memory_order_relaxed);
+    m_lastLength.store(-1, std::memory_order_relaxed);
+}
+
+bool ForcedStatus(const char* function, VKL_STATUS_t* status) {
+    Registry& registry = TheRegistry();
+    std::lock_guard<std::mutex> guard(registry.lock);
+    auto it = registry.forced.find(function);
+    if (it == registry.forced.end() || !it->second.set) return false;
+    *status = it->second.record;
+    return true;
+}
+
+}  // namespace vkl
+
+using vkl::Probe;
+
+extern "C" {
+
+void VKLTest_Reset(void) {
+    {
+        vkl::Registry& registry = vkl::TheRegistry();
+        std::lock_guard<std::mutex> guard(registry.lock);
+        for (auto& entry : registry.probes) entry.second->Reset();
+        registry.forced.clear();
+    }
+    for (auto& slot : vkl::g_log) slot.store(nullptr, std::memory_order_relaxed);
+    vkl::g_logNext.store(0, std::memory_order_relaxed);
+}
+
+void VKLTest_FailCall(const char* function, unsigned skip, int times, long result) {
+    if (function == nullptr) return;
+    Probe& probe = Probe::Named(function);
+    std::lock_guard<std::mutex> guard(vkl::TheRegistry().lock);
+    probe.Arm(skip, times, result);
+}
+
+void VKLTest_SetStatus(const char* function, int major, int minor, const char* description) {
+    if (function == nullptr) return;
+    vkl::ForcedRecord forced;
+    forced.set = true;
+    forced.record.major = major;
+    forced.record.minor = minor;
+    if (description != nullptr) {
+        std::strncpy(forced.record.description, description, sizeof forced.record.description - 1);
+    }
+    vkl::Registry& registry = vkl::TheRegistry();
+    std::lock_guard<std::mutex> guard(registry.lock);
+    registry.forced[function] = forced;
+}
+
+unsigned long VKLTest_CallCount(const char* function) {
+    return function == nullptr ? 0 : Probe::Named(function).Count();
+}
+
+long VKLTest_LastLength(const char* function) {
+    return function == nullptr ? -1 : Probe::Named(function).LastLength();
+}
+
+const char* VKLTest_CallLog(void) {
+    unsigned long end = vkl::g_logNext.load(std::memory_order_relaxed);
+    unsigned long begin = end > vkl::kLogSize ? end - vkl::kLogSize : 0;
+    std::string text;
+    for (unsigned long i = begin; i < end; ++i) {
+        const char* name = vkl::g_log[i % vkl::kLogSize].load(std::memory_order_relaxed);
+        if (name == nullptr) continue;
+        text += name;
+        text += '\n';
+    }
+    vkl::Registry& registry = vkl::TheRegistry();
+    std::lock_guard<std::mutex> guard(registry.lock);
+    registry.logText = std::move(text);
+    return registry.logText.c_str();
+}
+
+}  // extern "C"

@@ -1,0 +1,78 @@
+// Per-function instrumentation of the VKL stand-in: call counts, the call log,
+// the last length argument and armed faults. Each VKL entry point opens with
+// VKL_ENTER or VKL_ENTER_LEN, which returns the injected result when a fault fires.
+#ifndef VKL_PROBE_H
+#define VKL_PROBE_H
+
+#include <atomic>
+#include <string>
+#include <type_traits>
+
+namespace vkl {
+
+class Probe {
+public:
+    explicit Probe(std::string name) : m_name(std::move(name)) {}
+
+    // The probe for a function name, made on first use; never released.
+    static Probe& Named(const char* function);
+
+    // Records one call; true when an armed fault fires for it (the error is already queued).
+    bool Enter() {
+        Record();
+        return m_armed.load(std::memory_order_relaxed) && Fire();
+    }
+    bool Enter(long length) {
+        m_lastLength.store(length, std::memory_order_relaxed);
+        return Enter();
+    }
+
+    long Result() const { return m_result; }
+
+    // Fault and counter control, used by the test-control interface.
+    void Arm(unsigned skip, int times, long result);
+    void Reset();
+    unsigned long Count() const { return m_count.load(std::memory_order_relaxed); }
+    long LastLength() const { return m_lastLength.load(std::memory_order_relaxed); }
+    const std::string& Name() const { return m_name; }
+
+private:
+    void Record();
+    bool Fire();
+
+    const std::string m_name;
+    std::atomic<unsigned long> m_count{0};
+    std::atomic<long> m_lastLength{-1};
+    std::atomic<bool> m_armed{false};
+    // Guarded by the registry's lock; read only after m_armed was seen set.
+    unsigned m_skip = 0;
+    int m_times = 0;
+    long m_result = 0;
+};
+
+// What an injected failure returns, converted to the function's return type.
+template <class T>
+T Injected(const Probe& probe) {
+    if constexpr (std::is_void_v<T>) {
+        (void)probe;
+    } else if constexpr (std::is_pointer_v<T>) {
+        (void)probe;
+        return nullptr;
+    } else {
+        return static_cast<T>(probe.Result());
+    }
+}
+
+}  // namespace vkl
+
+// `__func__` is the exported name, so the test-control interface addresses a
+// function by exactly the name callers link against.
+#define VKL_ENTER(ReturnType)                                                          \
+    static ::vkl::Probe& vklProbe_ = ::vkl::Probe::Named(__func__);                    \
+    if (vklProbe_.Enter()) return ::vkl::Injected<ReturnType>(vklProbe_)
+
+#define VKL_ENTER_LEN(ReturnType, length)                                              \
+    static ::vkl::Probe& vklProbe_ = ::vkl::Probe::Named(__func__);                    \
+    if (vklProbe_.Enter(static_cast<long>(length))) return ::vkl::Injected<ReturnType>(vklProbe_)
+
+#endif  // VKL_PROBE_H

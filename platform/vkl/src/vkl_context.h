@@ -1,0 +1,60 @@
+// The VKL context of the stand-in and the algorithm descriptors it hands out.
+#ifndef VKL_CONTEXT_H
+#define VKL_CONTEXT_H
+
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+
+#include <vkl.h>
+
+#include "handles.h"
+
+// A digest as VKL hands it out: fetched once per context, with the queries
+// callers repeat on every message answered from fields.
+struct VKL_EVP_MD_s {
+    vkl::MdPtr md;
+    int nid = 0;
+    int size = 0;
+    int blockSize = 0;
+};
+
+struct VKL_EVP_CIPHER_s {
+    vkl::CipherPtr cipher;
+    int nid = 0;
+    int keyLength = 0;
+    int ivLength = 0;
+    int blockSize = 0;
+};
+
+struct VKL_s {
+    vkl::LibCtxPtr libctx;
+    vkl::ProviderPtr defaultProvider;
+    vkl::ProviderPtr legacyProvider;
+    VKL_STATUS_t status{};
+
+    // Fetched algorithms, kept for the context's life: OpenSSL 3's implicit
+    // fetch by name costs more than hashing a short message. Objects of one
+    // context may be used on several threads, hence the lock; lookups share it.
+    std::shared_mutex cacheLock;
+    std::unordered_map<std::string, std::unique_ptr<VKL_EVP_MD_s>> digests;
+    std::unordered_map<std::string, std::unique_ptr<VKL_EVP_CIPHER_s>> ciphers;
+    std::unordered_map<std::string, vkl::MacPtr> macs;
+};
+
+namespace vkl {
+
+// The digest named `name` (any name or alias OpenSSL knows), fetched on first use.
+// Null, with "<function>: unknown digest <name>" queued, when there is none.
+const VKL_EVP_MD_s* FetchDigest(VKL_t* vkl, const char* name, const char* function);
+
+// The same for ciphers ("<function>: unknown cipher <name>").
+const VKL_EVP_CIPHER_s* FetchCipher(VKL_t* vkl, const char* name, const char* function);
+
+// The MAC algorithm named `name` ("HMAC"), fetched on first use; null with an entry queued.
+EVP_MAC* FetchMac(VKL_t* vkl, const char* name, const char* function);
+
+}  // namespace vkl
+
+#endif  // VKL_CONTEXT_H

@@ -1,0 +1,107 @@
+#include "test_support.h"
+
+#include <sstream>
+#include <stdexcept>
+
+#include <czulcryptcontext.h>
+#include <vkl_testing.h>
+#include <wexcrypt_testing.h>
+
+namespace zultest {
+namespace {
+
+Diagnostics* g_active = nullptr;
+
+void OnError(const char* file, unsigned int line, const char* text, bool fatal) {
+    if (g_active != nullptr) g_active->errors.push_back({file, line, text, fatal});
+}
+
+void OnDebug(const char* text, unsigned int level) {
+    if (g_active != nullptr) g_active->traces.push_back({text, level});
+}
+
+}  // namespace
+
+Diagnostics::Diagnostics() {
+    g_active = this;
+    CZulCryptContext::SetErrorResponseFn(OnError);
+    CZulCryptContext::SetDebugResponseFn(OnDebug);
+}
+
+Diagnostics::~Diagnostics() {
+    CZulCryptContext::SetErrorResponseFn(nullptr);
+    CZulCryptContext::SetDebugResponseFn(nullptr);
+    g_active = nullptr;
+}
+
+std::vector<std::string> Diagnostics::ErrorTexts() const {
+    std::vector<std::string> texts;
+    for (const ErrorReport& report : errors) texts.push_back(report.text);
+    return texts;
+}
+
+std::vector<std::string> Diagnostics::TracesAt(unsigned int level) const {
+    std::vector<std::string> texts;
+    for (const Trace& trace : traces) {
+        if (trace.level == level) texts.push_back(trace.text);
+    }
+    return texts;
+}
+
+void Diagnostics::Clear() {
+    errors.clear();
+    traces.clear();
+}
+
+void PlatformTest::SetUp() {
+    VKLTest_Reset();
+    WEXTest_SetGetContextResult(-3);
+    WEXTest_SetSystemFips(0);
+    CZulCryptContext::SetLogLevel(0);
+    diagnostics = new Diagnostics;
+}
+
+void PlatformTest::TearDown() {
+    delete diagnostics;
+    diagnostics = nullptr;
+    VKLTest_Reset();
+    WEXTest_SetGetContextResult(-3);
+    WEXTest_SetSystemFips(-1);
+    CZulCryptContext::SetLogLevel(0);
+}
+
+std::string Hex(const unsigned char* data, size_t length) {
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < length; ++i) {
+        text += digits[data[i] >> 4];
+        text += digits[data[i] & 15];
+    }
+    return text;
+}
+
+std::string Hex(const std::vector<unsigned char>& data) { return Hex(data.data(), data.size()); }
+
+std::vector<unsigned char> FromHex(const std::string& hex) {
+    auto nibble = [&](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        throw std::invalid_argument("bad hex digit in '" + hex + "'");
+    };
+    if (hex.size() % 2 != 0) throw std::invalid_argument("odd hex length in '" + hex + "'");
+    std::vector<unsigned char> bytes;
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        bytes.push_back(static_cast<unsigned char>(nibble(hex[i]) << 4 | nibble(hex[i + 1])));
+    }
+    return bytes;
+}
+
+std::vector<std::string> CallLog() {
+    std::vector<std::string> names;
+    std::istringstream in(VKLTest_CallLog());
+    for (std::string line; std::getline(in, line);) names.push_back(line);
+    return names;
+}
+
+}  // namespace zultest

@@ -1,0 +1,63 @@
+// Shared test fixtures: a clean platform for every test and capture of the
+// library's diagnostics.
+#ifndef ZUL_TEST_SUPPORT_H
+#define ZUL_TEST_SUPPORT_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace zultest {
+
+struct ErrorReport {
+    std::string file;
+    unsigned int line;
+    std::string text;
+    bool fatal;
+};
+
+struct Trace {
+    std::string text;
+    unsigned int level;
+};
+
+// Installs callbacks for HandleError and HandleDebug while alive; records what they get.
+class Diagnostics {
+public:
+    Diagnostics();
+    ~Diagnostics();
+    Diagnostics(const Diagnostics&) = delete;
+    Diagnostics& operator=(const Diagnostics&) = delete;
+
+    std::vector<ErrorReport> errors;
+    std::vector<Trace> traces;
+
+    std::vector<std::string> ErrorTexts() const;
+    // Traces of exactly this level, in order.
+    std::vector<std::string> TracesAt(unsigned int level) const;
+    void Clear();
+};
+
+// Every test starts with an unarmed platform (context handed out, host not in
+// FIPS mode, log level 0) and its diagnostics captured; it is all undone after.
+class PlatformTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    Diagnostics* diagnostics = nullptr;
+};
+
+std::string Hex(const unsigned char* data, size_t length);
+std::string Hex(const std::vector<unsigned char>& data);
+// Throws std::invalid_argument on a malformed hex text.
+std::vector<unsigned char> FromHex(const std::string& hex);
+
+// The VKL call log as a list of names.
+std::vector<std::string> CallLog();
+
+}  // namespace zultest
+
+#endif  // ZUL_TEST_SUPPORT_H

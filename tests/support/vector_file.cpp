@@ -1,0 +1,86 @@
+#include "vector_file.h"
+
+#include <fstream>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "test_support.h"
+
+namespace zultest {
+namespace {
+
+std::string Trim(const std::string& text) {
+    size_t begin = text.find_first_not_of(" \t\r");
+    if (begin == std::string::npos) return "";
+    size_t end = text.find_last_not_of(" \t\r");
+    return text.substr(begin, end - begin + 1);
+}
+
+bool Quoted(const std::string& value) { return value.size() >= 2 && value.front() == '"' && value.back() == '"'; }
+
+}  // namespace
+
+std::vector<unsigned char> VectorCase::Bytes(const std::string& name) const {
+    const std::string& value = fields.at(name);
+    if (Quoted(value)) return std::vector<unsigned char>(value.begin() + 1, value.end() - 1);
+    return FromHex(value);
+}
+
+std::string VectorCase::Text(const std::string& name) const {
+    const std::string& value = fields.at(name);
+    return Quoted(value) ? value.substr(1, value.size() - 2) : value;
+}
+
+long VectorCase::Number(const std::string& name) const { return std::stol(fields.at(name)); }
+
+std::vector<VectorCase> ReadVectors(const std::string& name) {
+    std::vector<VectorCase> cases;
+    std::string path = std::string(ZUL_TEST_DATA_DIR) + "/" + name;
+    std::ifstream in(path);
+    if (!in) {
+        ADD_FAILURE() << "cannot read " << path;
+        return cases;
+    }
+    std::map<std::string, std::string> defaults;
+    VectorCase current;
+    auto flush = [&] {
+        if (!current.fields.empty()) {
+            for (const auto& field : defaults) current.fields.insert(field);
+            cases.push_back(current);
+        }
+        current = VectorCase();
+    };
+    int lineNumber = 0;
+    for (std::string raw; std::getline(in, raw);) {
+        ++lineNumber;
+        std::string line = Trim(raw);
+        if (line.empty()) {
+            flush();
+            continue;
+        }
+        if (line[0] == '#') continue;
+        bool header = line.front() == '[' && line.back() == ']';
+        if (header) line = line.substr(1, line.size() - 2);
+        size_t equals = line.find('=');
+        if (equals == std::string::npos) {
+            ADD_FAILURE() << path << ":" << lineNumber << ": no '=' in '" << raw << "'";
+            continue;
+        }
+        std::string key = Trim(line.substr(0, equals));
+        std::string value = Trim(line.substr(equals + 1));
+        if (header) {
+            defaults[key] = value;
+            continue;
+        }
+        if (current.fields.empty()) {
+            current.line = lineNumber;
+            current.where = name + ":" + std::to_string(lineNumber);
+        }
+        current.fields[key] = value;
+    }
+    flush();
+    return cases;
+}
+
+}  // namespace zultest

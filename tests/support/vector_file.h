@@ -1,0 +1,39 @@
+// Reader of the test vector files in tests/data.
+//
+// A file is a list of cases separated by blank lines. Each case is a set of
+// "Name = value" lines; a value is hex, or text in double quotes. "#" starts a
+// comment line (the source of the vectors). A line "[Name = value]" sets a
+// field for every later case of the file until another such line for the
+// same name.
+#ifndef ZUL_VECTOR_FILE_H
+#define ZUL_VECTOR_FILE_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace zultest {
+
+class VectorCase {
+public:
+    int line = 0;  // where the case starts, for failure messages
+    std::map<std::string, std::string> fields;
+
+    bool Has(const std::string& name) const { return fields.count(name) != 0; }
+    // The value as bytes: hex decoded, or a quoted text's characters.
+    std::vector<unsigned char> Bytes(const std::string& name) const;
+    // The value as written, quotes removed.
+    std::string Text(const std::string& name) const;
+    long Number(const std::string& name) const;
+    // "file:line" for failure messages.
+    std::string Where() const { return where; }
+
+    std::string where;
+};
+
+// Reads tests/data/<name>; fails the calling test (ADD_FAILURE) when the file cannot be read.
+std::vector<VectorCase> ReadVectors(const std::string& name);
+
+}  // namespace zultest
+
+#endif  // ZUL_VECTOR_FILE_H

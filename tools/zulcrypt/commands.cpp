@@ -1,0 +1,37 @@
+#include "commands.h"
+
+#include <cstring>
+#include <ostream>
+
+namespace zulcrypt {
+
+const std::vector<Command>& Commands() {
+    static const std::vector<Command> commands = {
+        {"selftest", "", "check that a crypto context starts and is usable", SelfTestCommand},
+    };
+    return commands;
+}
+
+void PrintHelp(std::ostream& out) {
+    out << "usage: zulcrypt COMMAND [ARGS]\n\ncommands:\n";
+    for (const Command& command : Commands()) {
+        out << "  " << command.name;
+        if (*command.synopsis != '\0') out << ' ' << command.synopsis;
+        out << "\n      " << command.summary << '\n';
+    }
+    out << "  --help\n      this text\n";
+}
+
+int Dispatch(int argc, char** argv, Streams& io) {
+    if (argc < 1 || std::strcmp(argv[0], "--help") == 0 || std::strcmp(argv[0], "-h") == 0) {
+        PrintHelp(argc < 1 ? io.err : io.out);
+        return argc < 1 ? 2 : 0;
+    }
+    for (const Command& command : Commands()) {
+        if (std::strcmp(argv[0], command.name) == 0) return command.run(argc, argv, io);
+    }
+    io.err << "zulcrypt: unknown command '" << argv[0] << "' (see zulcrypt --help)\n";
+    return 2;
+}
+
+}  // namespace zulcrypt
