@@ -86,6 +86,90 @@ unsigned long VKL_ERR_get_error(VKL_t* vkl);
  * code 0 writes an empty text. */
 void VKL_ERR_error_string_n(VKL_t* vkl, unsigned long code, char* buffer, size_t length);
 
+/* ---- Message digests (platform/vkl/src/digest.cpp) ---- */
+
+/* A new digest context, or null. Released with VKL_EVP_MD_CTX_free. */
+VKL_EVP_MD_CTX_t* VKL_EVP_MD_CTX_new(VKL_t* vkl);
+/* Puts the context into its empty initial state; 1 on success. */
+int VKL_EVP_MD_CTX_init(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx);
+/* Forgets any digest in progress (the context stays usable); 1 on success, 0 on failure. */
+int VKL_EVP_MD_CTX_cleanup(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx);
+/* Releases the context; 1 on success, 0 on failure. Null is allowed. */
+int VKL_EVP_MD_CTX_free(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx);
+/* The digest known by name or alias ("SHA1", "SHA-256", "RSA-SHA1"), owned by the
+ * context; null (with an error naming it) when unknown. */
+const VKL_EVP_MD_t* VKL_EVP_get_digestbyname(VKL_t* vkl, const char* name);
+/* Starts a hash with md; 1 on success. */
+int VKL_EVP_DigestInit(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const VKL_EVP_MD_t* md);
+/* Hashes length bytes; 1 on success. */
+int VKL_EVP_DigestUpdate(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const void* data, size_t length);
+/* Writes the digest (VKL_EVP_MD_size bytes) and, when outLength is not null, its length; 1 on success. */
+int VKL_EVP_DigestFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* out, unsigned int* outLength);
+/* The digest's object identifier number (NID); 0 for null. */
+int VKL_EVP_MD_type(VKL_t* vkl, const VKL_EVP_MD_t* md);
+/* The short name of an object identifier number ("SHA1"), or null. */
+const char* VKL_OBJ_nid2sn(VKL_t* vkl, int nid);
+/* Digest length in bytes; -1 for null. */
+int VKL_EVP_MD_size(VKL_t* vkl, const VKL_EVP_MD_t* md);
+/* Block length in bytes; -1 for null. */
+int VKL_EVP_MD_block_size(VKL_t* vkl, const VKL_EVP_MD_t* md);
+
+/* ---- Symmetric ciphers (platform/vkl/src/cipher.cpp) ---- */
+
+/* A new cipher context, or null. Released with VKL_EVP_CIPHER_CTX_free. */
+VKL_EVP_CIPHER_CTX_t* VKL_EVP_CIPHER_CTX_new(VKL_t* vkl);
+/* Puts the context into its empty initial state; 1 on success. */
+int VKL_EVP_CIPHER_CTX_init(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx);
+/* Releases what the context holds (it stays usable after an init); 1 on success, 0 on failure. */
+int VKL_EVP_CIPHER_CTX_cleanup(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx);
+/* Frees the context; 1 on success, 0 on failure. Null is allowed. */
+int VKL_EVP_CIPHER_CTX_free(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx);
+/* The cipher the context was initialised with, null when none. */
+const VKL_EVP_CIPHER_t* VKL_EVP_CIPHER_CTX_cipher(VKL_t* vkl, const VKL_EVP_CIPHER_CTX_t* ctx);
+/* Sets the key length of a variable-length cipher after an init without key; 1 on success. */
+int VKL_EVP_CIPHER_CTX_set_key_length(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int length);
+/* Padding on (1) or off (0); 1 on success. */
+int VKL_EVP_CIPHER_CTX_set_padding(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int padding);
+/* The cipher known by name or alias ("AES-128-CBC", "DES-CBC"), owned by the context;
+ * null (with an error naming it) when unknown. */
+const VKL_EVP_CIPHER_t* VKL_EVP_get_cipherbyname(VKL_t* vkl, const char* name);
+/* Block size, default key length, IV length (0 without IV) in bytes; -1 for null. */
+int VKL_EVP_CIPHER_block_size(VKL_t* vkl, const VKL_EVP_CIPHER_t* cipher);
+int VKL_EVP_CIPHER_key_length(VKL_t* vkl, const VKL_EVP_CIPHER_t* cipher);
+int VKL_EVP_CIPHER_iv_length(VKL_t* vkl, const VKL_EVP_CIPHER_t* cipher);
+/* The cipher's object identifier number (NID); 0 for null. */
+int VKL_EVP_CIPHER_type(VKL_t* vkl, const VKL_EVP_CIPHER_t* cipher);
+/* Initialise for encryption or decryption. A null cipher keeps the current one, a null key
+ * or IV leaves it to a later init (as OpenSSL's EVP_EncryptInit_ex2); 1 on success. */
+int VKL_EVP_EncryptInit(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const VKL_EVP_CIPHER_t* cipher,
+                        const unsigned char* key, const unsigned char* iv);
+int VKL_EVP_DecryptInit(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const VKL_EVP_CIPHER_t* cipher,
+                        const unsigned char* key, const unsigned char* iv);
+/* Encrypts length bytes into out (room: length + block size - 1) and sets *outLength; 1 on success. */
+int VKL_EVP_EncryptUpdate(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, unsigned char* out, int* outLength,
+                          const unsigned char* in, int length);
+/* Decrypts length bytes into out (room: length + block size) and sets *outLength; 1 on success. */
+int VKL_EVP_DecryptUpdate(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, unsigned char* out, int* outLength,
+                          const unsigned char* in, int length);
+/* Writes the last (padded) block, at most one block; fails with padding off and a partial block. */
+int VKL_EVP_EncryptFinal(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, unsigned char* out, int* outLength);
+/* Writes the rest of the plaintext without padding; fails on bad padding or a partial block. */
+int VKL_EVP_DecryptFinal(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, unsigned char* out, int* outLength);
+
+/* ---- HMAC (platform/vkl/src/hmac.cpp) ---- */
+
+/* A new HMAC context, or null. Released with VKL_HMAC_CTX_free. */
+VKL_HMAC_CTX_t* VKL_HMAC_CTX_new(VKL_t* vkl);
+/* Releases the context; 1 on success. Null is allowed. */
+int VKL_HMAC_CTX_free(VKL_t* vkl, VKL_HMAC_CTX_t* ctx);
+/* Starts an HMAC with key and md. A null key with length 0 and a null md re-arm the
+ * context with the key and digest it already holds; 1 on success. */
+int VKL_HMAC_Init(VKL_t* vkl, VKL_HMAC_CTX_t* ctx, const void* key, int keyLength, const VKL_EVP_MD_t* md);
+/* Feeds length bytes; 1 on success. */
+int VKL_HMAC_Update(VKL_t* vkl, VKL_HMAC_CTX_t* ctx, const unsigned char* data, size_t length);
+/* Writes the full HMAC (the digest's size) and its length; 1 on success. */
+int VKL_HMAC_Final(VKL_t* vkl, VKL_HMAC_CTX_t* ctx, unsigned char* out, unsigned int* outLength);
+
 #ifdef __cplusplus
 }
 #endif
