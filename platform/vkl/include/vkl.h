@@ -1,10 +1,14 @@
 /*
  * VKL: the vendor crypto library's EVP-style interface.
  *
- * Every call takes the VKL context first. Unless a function says otherwise,
- * an int result of 1 means success and 0 failure; a failure leaves at least
- * one entry on the error queue (VKL_ERR_get_error) whose text names the cause.
- * Functions returning a pointer return null on failure.
+ * Every call takes the VKL context first. Results:
+ * - operations (digest, cipher and HMAC init/update/final, set_key_length,
+ *   set_padding) return 1 on success and -2 on failure;
+ * - life functions (..._init, ..._cleanup, ..._free) and the rest return 1 on
+ *   success and 0 on failure;
+ * - functions returning a pointer return null on failure.
+ * Every failure leaves at least one entry on the error queue (VKL_ERR_get_error)
+ * whose text names the cause.
  */
 #ifndef VKL_H
 #define VKL_H
