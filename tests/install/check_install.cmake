@@ -1,0 +1,37 @@
+# Installs the build into a scratch prefix, then builds two consumers against
+# it: one through find_package(WexCryptCpp), one through pkg-config.
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${WORK_DIR})
+set(PREFIX ${WORK_DIR}/prefix)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed (${rc}): ${ARGN}\n${out}\n${err}")
+  endif()
+endfunction()
+
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+
+foreach(header czulcryptcontext.h vkl.h vkl_testing.h wexcrypt.h wexcrypt_testing.h)
+  if(NOT EXISTS ${PREFIX}/include/wexcryptcpp/${header})
+    message(FATAL_ERROR "${header} not installed")
+  endif()
+endforeach()
+
+# CMake package consumer.
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/cmake-consumer
+    -DCMAKE_PREFIX_PATH=${PREFIX})
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
+run(${WORK_DIR}/cmake-consumer/consumer)
+
+# pkg-config consumer.
+set(ENV{PKG_CONFIG_PATH} ${PREFIX}/lib/pkgconfig)
+execute_process(COMMAND pkg-config --cflags --libs wexcryptcpp RESULT_VARIABLE rc OUTPUT_VARIABLE flags
+                OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "pkg-config does not know wexcryptcpp")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run(c++ -std=c++17 ${SOURCE_DIR}/tests/install/consumer/consumer.cpp -o ${WORK_DIR}/pc-consumer ${flags})
+run(${WORK_DIR}/pc-consumer)
