@@ -1,5 +1,6 @@
 # Installs the build into a scratch prefix, then builds two consumers against
-# it: one through find_package(WexCryptCpp), one through pkg-config.
+# it: one through find_package(WexCryptCpp), one through pkg-config. The
+# consumers get the build's compiler flags, so a sanitizer build stays whole.
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 set(PREFIX ${WORK_DIR}/prefix)
@@ -21,7 +22,7 @@ endforeach()
 
 # CMake package consumer.
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/cmake-consumer
-    -DCMAKE_PREFIX_PATH=${PREFIX})
+    -DCMAKE_PREFIX_PATH=${PREFIX} "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
 run(${WORK_DIR}/cmake-consumer/consumer)
 
@@ -32,6 +33,6 @@ execute_process(COMMAND pkg-config --cflags --libs wexcryptcpp RESULT_VARIABLE r
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "pkg-config does not know wexcryptcpp")
 endif()
-separate_arguments(flags UNIX_COMMAND "${flags}")
+separate_arguments(flags UNIX_COMMAND "${CXX_FLAGS} ${flags}")
 run(c++ -std=c++17 ${SOURCE_DIR}/tests/install/consumer/consumer.cpp -o ${WORK_DIR}/pc-consumer ${flags})
 run(${WORK_DIR}/pc-consumer)

@@ -5,6 +5,7 @@
 
 #include <czulcryptcontext.h>
 #include <vkl_testing.h>
+#include <wexcrypt.h>
 #include <wexcrypt_testing.h>
 
 namespace zultest {
@@ -54,6 +55,11 @@ void Diagnostics::Clear() {
 }
 
 void PlatformTest::SetUp() {
+    // The process's VKL context is made on first request; make it now so that
+    // its creation never shows in a test's call log.
+    WEXTest_SetGetContextResult(-3);
+    VKL_t* vkl = nullptr;
+    WEXCryptGetContext(&vkl);
     VKLTest_Reset();
     WEXTest_SetGetContextResult(-3);
     WEXTest_SetSystemFips(0);

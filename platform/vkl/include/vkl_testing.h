@@ -10,7 +10,8 @@
 extern "C" {
 #endif
 
-/* Disarms every fault, clears counts and the call log, makes every status record clean again. */
+/* Disarms every fault, clears counts and the call log, makes every status record clean again
+ * and empties the calling thread's error queue. */
 void VKLTest_Reset(void);
 
 /* The VKL function named `function` runs normally `skip` more times; then for `times` calls

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <unordered_map>
 
+#include <openssl/err.h>
+
 #include <vkl_testing.h>
 
 #include "errors.h"
@@ -113,6 +115,7 @@ void VKLTest_Reset(void) {
     }
     for (auto& slot : vkl::g_log) slot.store(nullptr, std::memory_order_relaxed);
     vkl::g_logNext.store(0, std::memory_order_relaxed);
+    ERR_clear_error();
 }
 
 void VKLTest_FailCall(const char* function, unsigned skip, int times, long result) {
