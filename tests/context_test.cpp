@@ -83,6 +83,14 @@ TEST_F(ContextTest, FailingSelfTestDoesNotSeed) {
     EXPECT_EQ(VKLTest_CallCount("VKL_RAND_seed"), 0u);
 }
 
+TEST_F(ContextTest, RealKnownAnswerFailureReachesTheReport) {
+    VKLTest_FailCall("VKL_SelfTest/DES-CBC", 0, 1, 0);
+    CZulCryptContext context;
+    EXPECT_FALSE(context.GetStatus());
+    EXPECT_THAT(diagnostics->ErrorTexts(), ElementsAre("MAJOR: VKL ERROR, MINOR: LIBRARY VERIFICATION FAILED, "
+                                                       "DESC:Self-test failed: DES-CBC known-answer test"));
+}
+
 TEST_F(ContextTest, FailingSeedGenerationLeavesVklUnseeded) {
     VKLTest_SetStatus("VKL_GenerateRandomSeed", 4, 14, "getrandom: no entropy");
     CZulCryptContext context;

@@ -150,3 +150,24 @@ TEST_F(VklPlatformTest, WexcryptControls) {
 }
 
 }  // namespace
+
+namespace {
+
+class SelfTestKnownAnswers : public VklPlatformTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(SelfTestKnownAnswers, AFailingTestIsNamedAndStopsTheContext) {
+    const std::string name = GetParam();
+    VKLTest_FailCall(("VKL_SelfTest/" + name).c_str(), 0, 1, 0);
+    VKL_STATUS_t status{};
+    EXPECT_EQ(VKL_SelfTest(vkl, &status), 0);
+    EXPECT_EQ(status.major, VKL_MAJOR_ERROR);
+    EXPECT_EQ(status.minor, VKL_MINOR_LIBRARY_VERIFICATION_FAILED);
+    EXPECT_EQ(std::string(status.description), "Self-test failed: " + name + " known-answer test");
+    EXPECT_STREQ(VKLTest_CallLog(), "VKL_SelfTest\n");
+    EXPECT_EQ(TakeError(), "") << "the self-test leaves no queue entries behind";
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryKnownAnswer, SelfTestKnownAnswers,
+                         ::testing::Values("SHA-1", "SHA-256", "HMAC-SHA-1", "AES-128-CBC", "DES-CBC"));
+
+}  // namespace

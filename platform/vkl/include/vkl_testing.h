@@ -17,7 +17,10 @@ void VKLTest_Reset(void);
 /* The VKL function named `function` runs normally `skip` more times; then for `times` calls
  * (every later call when negative) it does none of its work, queues
  * "<function>: injected failure" and returns `result` converted to its return type
- * (null for functions that return a pointer). */
+ * (null for functions that return a pointer).
+ * The known-answer tests of VKL_SelfTest are addressed as "VKL_SelfTest/SHA-1",
+ * "VKL_SelfTest/SHA-256", "VKL_SelfTest/HMAC-SHA-1", "VKL_SelfTest/AES-128-CBC" and
+ * "VKL_SelfTest/DES-CBC"; a failing one makes the self-test report it. */
 void VKLTest_FailCall(const char* function, unsigned skip, int times, long result);
 
 /* The record that "VKL_GetStatus", "VKL_SelfTest" or "VKL_GenerateRandomSeed" fills from now on.

@@ -27,6 +27,10 @@ public:
         return Enter();
     }
 
+    // For checks inside a function (a self-test step): true when an armed
+    // fault fires, without counting a call or logging one.
+    bool Fires() { return m_armed.load(std::memory_order_relaxed) && Fire(); }
+
     long Result() const { return m_result; }
 
     // Fault and counter control, used by the test-control interface.

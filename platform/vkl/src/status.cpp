@@ -88,23 +88,43 @@ bool CipherKat(VKL_t* vkl, const char* name, const char* key, const char* iv, co
            EVP_EncryptFinal_ex(ctx.get(), out + n, &tail) == 1 && Hex(out, static_cast<size_t>(n + tail)) == expected;
 }
 
+// A known-answer test by name; the test-control interface can make it fail
+// as "VKL_SelfTest/<name>", so every failure report can be shown.
+template <class Run>
+bool Passes(const char* name, Run run) {
+    Probe& probe = Probe::Named((std::string("VKL_SelfTest/") + name).c_str());
+    return !probe.Fires() && run();
+}
+
 // The first known-answer test that fails, or null when all pass.
 const char* FailingKnownAnswer(VKL_t* vkl) {
     // FIPS 180-2 appendix A.1 and B.1.
-    if (!DigestKat(vkl, "SHA1", "abc", "a9993e364706816aba3e25717850c26c9cd0d89d")) return "SHA-1";
-    if (!DigestKat(vkl, "SHA256", "abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"))
+    if (!Passes("SHA-1", [&] { return DigestKat(vkl, "SHA1", "abc", "a9993e364706816aba3e25717850c26c9cd0d89d"); }))
+        return "SHA-1";
+    if (!Passes("SHA-256", [&] {
+            return DigestKat(vkl, "SHA256", "abc",
+                             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+        }))
         return "SHA-256";
     // RFC 2202 test case 2.
-    if (!HmacKat(vkl, "SHA1", "Jefe", "what do ya want for nothing?", "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"))
+    if (!Passes("HMAC-SHA-1", [&] {
+            return HmacKat(vkl, "SHA1", "Jefe", "what do ya want for nothing?",
+                           "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79");
+        }))
         return "HMAC-SHA-1";
     // NIST SP 800-38A F.2.1, first block.
-    if (!CipherKat(vkl, "AES-128-CBC", "2b7e151628aed2a6abf7158809cf4f3c", "000102030405060708090a0b0c0d0e0f",
-                   "6bc1bee22e409f96e93d7e117393172a", "7649abac8119b246cee98e9b12e9197d"))
+    if (!Passes("AES-128-CBC", [&] {
+            return CipherKat(vkl, "AES-128-CBC", "2b7e151628aed2a6abf7158809cf4f3c",
+                             "000102030405060708090a0b0c0d0e0f", "6bc1bee22e409f96e93d7e117393172a",
+                             "7649abac8119b246cee98e9b12e9197d");
+        }))
         return "AES-128-CBC";
     // FIPS 81 appendix C, "Now is the time for all ".
-    if (!CipherKat(vkl, "DES-CBC", "0123456789abcdef", "1234567890abcdef",
-                   "4e6f77206973207468652074696d6520666f7220616c6c20",
-                   "e5c7cdde872bf27c43e934008c389c0f683788499a7c05f6"))
+    if (!Passes("DES-CBC", [&] {
+            return CipherKat(vkl, "DES-CBC", "0123456789abcdef", "1234567890abcdef",
+                             "4e6f77206973207468652074696d6520666f7220616c6c20",
+                             "e5c7cdde872bf27c43e934008c389c0f683788499a7c05f6");
+        }))
         return "DES-CBC";
     return nullptr;
 }
