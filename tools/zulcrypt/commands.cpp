@@ -8,6 +8,8 @@ namespace zulcrypt {
 const std::vector<Command>& Commands() {
     static const std::vector<Command> commands = {
         {"selftest", "", "check that a crypto context starts and is usable", SelfTestCommand},
+        {"digest", "NAME [FILE]", "hex digest of FILE or standard input (NAME: SHA1, SHA256, SHA3-256, MD5, ...)", DigestCommand},
+        {"hmac", "NAME HEXKEY [FILE]", "hex HMAC of FILE or standard input under the hex key", HmacCommand},
     };
     return commands;
 }

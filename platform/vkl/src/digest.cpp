@@ -155,18 +155,19 @@ int VKL_EVP_DigestUpdate(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const void* data, si
         vkl::QueueError(std::string(__func__) + ": no data");
         return -2;
     }
-    if (ctx->staged + length > ctx->capacity && !vkl::Flush(ctx, __func__)) return -2;
-    if (length >= ctx->capacity) {
-        if (EVP_DigestUpdate(ctx->ctx.get(), data, length) != 1) {
-            vkl::QueueErrorIfEmpty(__func__, "hashing failed");
-            return -2;
-        }
-        return 1;
+    bool ok = true;
+    if (ctx->staged + length > ctx->capacity) ok = vkl::Flush(ctx, __func__);
+    if (ok && length >= ctx->capacity) {
+        ok = EVP_DigestUpdate(ctx->ctx.get(), data, length) == 1;
+        if (!ok) vkl::QueueErrorIfEmpty(__func__, "hashing failed");
+    } else if (ok) {
+        std::memcpy(ctx->staging + ctx->staged, data, length);
+        ctx->staged += length;
+        if (ctx->staged == ctx->capacity) ok = vkl::Flush(ctx, __func__);
     }
-    std::memcpy(ctx->staging + ctx->staged, data, length);
-    ctx->staged += length;
-    if (ctx->staged == ctx->capacity && !vkl::Flush(ctx, __func__)) return -2;
-    return 1;
+    // A hash that lost bytes must not be finished as if it had them all.
+    if (!ok) vkl::Forget(ctx);
+    return ok ? 1 : -2;
 }
 
 int VKL_EVP_DigestFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* out, unsigned int* outLength) {
