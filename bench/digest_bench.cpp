@@ -7,14 +7,10 @@
 #include <openssl/evp.h>
 
 #include <czulcryptmdcontext.h>
-#include <wexcrypt_testing.h>
 
 namespace {
 
 void BM_Zul_MDContext_SHA256(benchmark::State& state) {
-    // The stand-in reads the host's FIPS mode from /proc on every policy check;
-    // the platform's own libwexcrypt answers from memory.
-    WEXTest_SetSystemFips(0);
     CZulCryptContext context;
     CZulCryptMDContext md(context);
     std::vector<unsigned char> data(static_cast<size_t>(state.range(0)), 0x5a);
@@ -29,7 +25,6 @@ void BM_Zul_MDContext_SHA256(benchmark::State& state) {
         benchmark::DoNotOptimize(out);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
-    WEXTest_SetSystemFips(-1);
 }
 BENCHMARK(BM_Zul_MDContext_SHA256)->Arg(64)->Arg(1024)->Arg(1 << 20);
 

@@ -7,17 +7,9 @@
 #include <wexcrypt.h>
 
 #include "commands.h"
+#include "reports.h"
 
 namespace zulcrypt {
-namespace {
-
-std::vector<std::string>* g_reports = nullptr;
-
-void CollectError(const char*, unsigned int, const char* text, bool) {
-    if (g_reports != nullptr) g_reports->emplace_back(text);
-}
-
-}  // namespace
 
 int SelfTestCommand(int argc, char**, Streams& io) {
     if (argc != 1) {
@@ -27,18 +19,15 @@ int SelfTestCommand(int argc, char**, Streams& io) {
     // The context reports what went wrong through the error callback; the
     // command shows those texts as the decoded status.
     std::vector<std::string> reports;
-    g_reports = &reports;
-    auto* previous = CZulCryptContext::m_ErrorResponseFn;
-    CZulCryptContext::SetErrorResponseFn(CollectError);
     bool usable = false;
     std::string version = "unknown (no VKL context)";
     {
+        ErrorCapture capture;
         CZulCryptContext context;
         usable = context.GetStatus();
         if (context.GetContext() != nullptr) version = VKL_Version(context.GetContext()->m_pCtx);
+        reports = capture.Texts();
     }
-    CZulCryptContext::SetErrorResponseFn(previous);
-    g_reports = nullptr;
 
     io.out << "context: " << (usable ? "usable" : "NOT usable") << '\n';
     if (reports.empty()) {

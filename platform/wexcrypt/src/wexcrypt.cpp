@@ -20,10 +20,15 @@ VKL_t* ProcessContext() {
 std::atomic<long long> g_getContextResult{WEXCRYPT_CONTEXT_AVAILABLE};
 std::atomic<int> g_forcedFips{-1};
 
+// The host's mode is fixed at boot; reading the file costs microseconds and
+// callers ask before every algorithm they accept.
 int HostFips() {
-    std::ifstream in("/proc/sys/crypto/fips_enabled");
-    int value = 0;
-    return (in >> value) && value == 1 ? 1 : 0;
+    static const int fips = [] {
+        std::ifstream in("/proc/sys/crypto/fips_enabled");
+        int value = 0;
+        return (in >> value) && value == 1 ? 1 : 0;
+    }();
+    return fips;
 }
 
 }  // namespace
