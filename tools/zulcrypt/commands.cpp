@@ -8,6 +8,8 @@ namespace zulcrypt {
 const std::vector<Command>& Commands() {
     static const std::vector<Command> commands = {
         {"selftest", "", "check that a crypto context starts and is usable", SelfTestCommand},
+        {"enc", "CIPHER HEXKEY HEXIV [IN|- [OUT|-]]", "encrypt a file or standard input, padded", EncryptCommand},
+        {"dec", "CIPHER HEXKEY HEXIV [IN|- [OUT|-]]", "decrypt a file or standard input", DecryptCommand},
     };
     return commands;
 }

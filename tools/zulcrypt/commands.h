@@ -32,6 +32,8 @@ void PrintHelp(std::ostream& out);
 int Dispatch(int argc, char** argv, Streams& io);
 
 int SelfTestCommand(int argc, char** argv, Streams& io);
+int EncryptCommand(int argc, char** argv, Streams& io);
+int DecryptCommand(int argc, char** argv, Streams& io);
 
 }  // namespace zulcrypt
 
