@@ -10,6 +10,8 @@ const std::vector<Command>& Commands() {
         {"selftest", "", "check that a crypto context starts and is usable", SelfTestCommand},
         {"digest", "NAME [FILE]", "hex digest of FILE or standard input (NAME: SHA1, SHA256, SHA3-256, MD5, ...)", DigestCommand},
         {"hmac", "NAME HEXKEY [FILE]", "hex HMAC of FILE or standard input under the hex key", HmacCommand},
+        {"enc", "CIPHER HEXKEY HEXIV [IN|- [OUT|-]]", "encrypt a file or standard input, padded", EncryptCommand},
+        {"dec", "CIPHER HEXKEY HEXIV [IN|- [OUT|-]]", "decrypt a file or standard input", DecryptCommand},
     };
     return commands;
 }

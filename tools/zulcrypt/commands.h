@@ -34,6 +34,8 @@ int Dispatch(int argc, char** argv, Streams& io);
 int SelfTestCommand(int argc, char** argv, Streams& io);
 int DigestCommand(int argc, char** argv, Streams& io);
 int HmacCommand(int argc, char** argv, Streams& io);
+int EncryptCommand(int argc, char** argv, Streams& io);
+int DecryptCommand(int argc, char** argv, Streams& io);
 
 }  // namespace zulcrypt
 
