@@ -49,7 +49,7 @@ public:
 private:
     bool Rearm();
 
-    CZulCryptContext& m_rContext;
+    [[maybe_unused]] CZulCryptContext& m_rContext;  // kept for layout; the digest context does the work
     CZulCryptMDContext m_MDContext;
     unsigned char* m_pInnerPad;
     unsigned char* m_pOuterPad;
