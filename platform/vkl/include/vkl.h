@@ -130,7 +130,10 @@ int VKL_EVP_CIPHER_CTX_cleanup(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx);
 int VKL_EVP_CIPHER_CTX_free(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx);
 /* The cipher the context was initialised with, null when none. */
 const VKL_EVP_CIPHER_t* VKL_EVP_CIPHER_CTX_cipher(VKL_t* vkl, const VKL_EVP_CIPHER_CTX_t* ctx);
-/* Sets the key length of a variable-length cipher after an init without key; 1 on success. */
+/* Sets the key length of a variable-length cipher; 1 on success, -2 when the cipher does not take it.
+ * After an init without key the next init brings the key. After an init with a key the context is
+ * keyed again at the new length: a shorter key is the start of the one given, a longer one is read
+ * from the key buffer of that init, which must then still be readable and hold length bytes. */
 int VKL_EVP_CIPHER_CTX_set_key_length(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int length);
 /* Padding on (1) or off (0); 1 on success. */
 int VKL_EVP_CIPHER_CTX_set_padding(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int padding);
