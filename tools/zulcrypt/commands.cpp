@@ -8,6 +8,8 @@ namespace zulcrypt {
 const std::vector<Command>& Commands() {
     static const std::vector<Command> commands = {
         {"selftest", "", "check that a crypto context starts and is usable", SelfTestCommand},
+        {"usm-keys", "(--password PW | --auth-password PW [--priv-password PW]) --engine-id HEX --auth DIGEST [--priv DES|AES-128]", "SNMPv3 user keys (Ku) and localised keys (Kul) of RFC 3414", UsmKeysCommand},
+        {"keychange", "--auth DIGEST --old HEX --new HEX [--random HEX]", "the KeyChange value of RFC 3414 (random value drawn when not given)", KeyChangeCommand},
     };
     return commands;
 }

@@ -32,6 +32,8 @@ void PrintHelp(std::ostream& out);
 int Dispatch(int argc, char** argv, Streams& io);
 
 int SelfTestCommand(int argc, char** argv, Streams& io);
+int UsmKeysCommand(int argc, char** argv, Streams& io);
+int KeyChangeCommand(int argc, char** argv, Streams& io);
 
 }  // namespace zulcrypt
 
