@@ -93,6 +93,16 @@ void FillKeyPiece(unsigned char* piece, const unsigned char* password, size_t le
     }
 }
 
+// Turns the piece for position p into the piece for p + 64 when the password is at most
+// 64 bytes: the stream repeats every `length` bytes, so the new piece is the old one
+// shifted by 64 mod length, and its tail repeats the bytes `length` before it.
+void NextShortKeyPiece(unsigned char* piece, size_t length) {
+    const size_t shift = kKeyPiece % length;
+    if (shift == 0) return;
+    std::memmove(piece, piece + shift, kKeyPiece - shift);
+    std::memcpy(piece + kKeyPiece - shift, piece + kKeyPiece - shift - length, shift);
+}
+
 // The localisation work area: key material, wiped before it is released.
 class WorkArea {
 public:
@@ -272,11 +282,17 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     unsigned char piece[kKeyPiece];
     const size_t length = password.length;
     size_t start = 0;
+    FillKeyPiece(piece, password.data, length, start);
     for (unsigned i = 0; i < kKeyPieces; ++i) {
-        FillKeyPiece(piece, password.data, length, start);
         result = VKL_EVP_DigestUpdate(&vkl, &md, piece, kKeyPiece);
         if (result != 1) break;
-        start = (start + kKeyPiece) % length;
+        // Short passwords roll the piece along; longer ones copy at most two stretches.
+        if (length <= kKeyPiece) {
+            NextShortKeyPiece(piece, length);
+        } else {
+            start = (start + kKeyPiece) % length;
+            FillKeyPiece(piece, password.data, length, start);
+        }
     }
     zul::Cleanse(piece, sizeof piece);
     if (result != 1) return FailWith(status, vkl, "key digest update failed ", result);
