@@ -104,7 +104,6 @@ TEST_F(UsmToolTest, BadArgumentsAreRefusedWithAReason) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"usm-keys", "--password", "", "--engine-id", "00", "--auth", "SHA1"}, "empty password"},
         {{"usm-keys", "--password", "p", "--engine-id", "0g", "--auth", "SHA1"}, "bad hex in --engine-id: '0g'"},
-        {{"usm-keys", "--password", "p", "--engine-id", "000", "--auth", "SHA1"}, "bad hex in --engine-id: '000'"},
         {{"usm-keys", "--password", "p", "--engine-id", "", "--auth", "SHA1"}, "empty engine ID"},
         {{"usm-keys", "--password", "p", "--engine-id", "00", "--auth", "SHA3"},
          "unknown digest 'SHA3' (MD5, SHA1, SHA224, SHA256, SHA384 or SHA512)"},
@@ -113,17 +112,13 @@ TEST_F(UsmToolTest, BadArgumentsAreRefusedWithAReason) {
         {{"usm-keys", "--auth-password", "p", "--engine-id", "00", "--auth", "MD5", "--priv", "DES"},
          "--priv needs --password or --priv-password"},
         {{"usm-keys", "--engine-id", "00", "--auth", "MD5"}, "a password is required (--password or --auth-password)"},
-        {{"usm-keys", "--password", "p", "--auth", "MD5"}, "--engine-id and --auth are required"},
         {{"usm-keys", "--pasword", "p"}, "unknown option '--pasword'"},
-        {{"usm-keys", "--password"}, "option --password needs a value"},
         {{"keychange", "--auth", "MD5", "--old", "0011", "--new", "00"}, "old and new keys differ in length"},
         {{"keychange", "--auth", "MD5", "--old", "00", "--new", "zz"}, "bad hex in --new: 'zz'"},
-        {{"keychange", "--auth", "MD5", "--old", "", "--new", ""}, "empty key"},
         {{"keychange", "--auth", "MD5", "--old", "00", "--new", "11", "--random", "2233"},
          "the random value must be as long as the keys"},
         {{"keychange", "--auth", "MD6", "--old", "00", "--new", "11"},
          "unknown digest 'MD6' (MD5, SHA1, SHA224, SHA256, SHA384 or SHA512)"},
-        {{"keychange", "--old", "00", "--new", "11"}, "--auth, --old and --new are required"},
     };
     for (const auto& [args, reason] : cases) {
         SCOPED_TRACE(reason);
@@ -163,12 +158,6 @@ TEST_F(UsmToolTest, KeyChangeXorsTheNewKeyWithChainedDigests) {
     const Bytes mask = Digest("SHA1", oldKey, zultest::FromHex(drawn));
     for (size_t i = 0; i < 20; ++i) delta[i] = newKey[i] ^ mask[i];
     EXPECT_EQ(a.out.substr(49), "delta: " + zultest::Hex(delta) + "\nKeyChange: " + drawn + zultest::Hex(delta) + "\n");
-}
-
-TEST_F(UsmToolTest, HelpNamesTheCommands) {
-    const ToolRun run = Zulcrypt({"--help"});
-    EXPECT_NE(run.out.find("  usm-keys (--password PW"), std::string::npos);
-    EXPECT_NE(run.out.find("  keychange --auth DIGEST --old HEX --new HEX [--random HEX]"), std::string::npos);
 }
 
 }  // namespace

@@ -199,6 +199,7 @@ void ZulVklStatusWrap::Set(VKL_t& vkl, int result) {
 }
 
 void ZulVklStatusWrap::Set(const char* text) {
+    if (text == nullptr) return;
     const size_t length = std::strlen(text);
     if (Room(*this) > length) {
         std::memcpy(errorMsg + msgLen, text, length + 1);
