@@ -12,6 +12,8 @@ const std::vector<Command>& Commands() {
         {"hmac", "NAME HEXKEY [FILE]", "hex HMAC of FILE or standard input under the hex key", HmacCommand},
         {"enc", "CIPHER HEXKEY HEXIV [IN|- [OUT|-]]", "encrypt a file or standard input, padded", EncryptCommand},
         {"dec", "CIPHER HEXKEY HEXIV [IN|- [OUT|-]]", "decrypt a file or standard input", DecryptCommand},
+        {"usm-keys", "(--password PW | --auth-password PW [--priv-password PW]) --engine-id HEX --auth DIGEST [--priv DES|AES-128]", "SNMPv3 user keys (Ku) and localised keys (Kul) of RFC 3414", UsmKeysCommand},
+        {"keychange", "--auth DIGEST --old HEX --new HEX [--random HEX]", "the KeyChange value of RFC 3414 (random value drawn when not given)", KeyChangeCommand},
     };
     return commands;
 }

@@ -36,6 +36,8 @@ int DigestCommand(int argc, char** argv, Streams& io);
 int HmacCommand(int argc, char** argv, Streams& io);
 int EncryptCommand(int argc, char** argv, Streams& io);
 int DecryptCommand(int argc, char** argv, Streams& io);
+int UsmKeysCommand(int argc, char** argv, Streams& io);
+int KeyChangeCommand(int argc, char** argv, Streams& io);
 
 }  // namespace zulcrypt
 

@@ -1,0 +1,717 @@
+#include <zulcryptimpl.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <ostream>
+
+#include "../common/cleanse.h"
+#include "../common/report.h"
+
+namespace {
+
+constexpr char kZulFile[] = "zulcryptimpl";
+constexpr size_t kMsgSize = ZULVKL_ERROR_MSG_SIZE;
+
+// RFC 3414 A.2: one mebibyte of the repeated password, hashed 64 bytes at a time.
+constexpr size_t kKeyPiece = 64;
+constexpr unsigned kKeyPieces = 16384;
+
+const char kOutOfMemory[] = "Probly pointless out of mem message";
+
+void SetOrReportError(ZulVklStatusWrap* status, const char* text) {
+    if (status != nullptr) {
+        status->Set(text);
+    } else {
+        ZUL_REPORT(text);
+    }
+}
+
+// Bytes of room left in errorMsg after msgLen, which callers may have moved.
+size_t Room(const ZulVklStatusWrap& status) {
+    return status.msgLen < kMsgSize ? kMsgSize - static_cast<size_t>(status.msgLen) : 0;
+}
+
+
+// vsnprintf: cutting at the end of the area is intended here, and snprintf with the
+// area's size in sight draws truncation warnings.
+int FormatInto(char* out, size_t room, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int needed = std::vsnprintf(out, room, format, args);
+    va_end(args);
+    return needed;
+}
+
+// Writes a text at the start of errorMsg, replacing what was there.
+int Write(ZulVklStatusWrap& status, const char* text) {
+    FormatInto(status.errorMsg, kMsgSize, "%s", text);
+    return 0;
+}
+
+// Writes format (whose first conversion is the caller's algorithm name) at the start of
+// errorMsg. A name too long for the area is shortened, on a UTF-8 character boundary and
+// marked with "...", so the fixed part of the text and its end survive. Returns 0.
+template <class... Args>
+int Report(ZulVklStatusWrap& status, const char* format, const char* name, Args... args) {
+    const int needed = FormatInto(status.errorMsg, kMsgSize, format, name, args...);
+    if (needed < 0 || static_cast<size_t>(needed) < kMsgSize) return 0;
+    static const char kMark[] = "...";
+    const size_t excess = static_cast<size_t>(needed) - (kMsgSize - 1) + (sizeof kMark - 1);
+    const size_t nameLength = std::strlen(name);
+    size_t keep = nameLength > excess ? nameLength - excess : 0;
+    while (keep > 0 && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80) --keep;
+    char cut[kMsgSize];
+    FormatInto(cut, sizeof cut, "%.*s%s", static_cast<int>(std::min(keep, sizeof cut - sizeof kMark)), name, kMark);
+    FormatInto(status.errorMsg, kMsgSize, format, cut, args...);
+    return 0;
+}
+
+// The text, then what VKL says about the failed call; 0 for the caller to return.
+int FailWith(ZulVklStatusWrap& status, VKL_t& vkl, const char* text, int result) {
+    status.Set(text);
+    status.Set(vkl, result);
+    return 0;
+}
+
+// Fills the 64-byte piece with the password repeated from position start. The first
+// min(length, 64) bytes are the password rotated to start; the rest doubles what is
+// there, which repeats correctly because the copied span is a whole number of passwords.
+void FillKeyPiece(unsigned char* piece, const unsigned char* password, size_t length, size_t start) {
+    size_t filled = std::min(length, kKeyPiece);
+    const size_t head = std::min(length - start, filled);
+    std::memcpy(piece, password + start, head);
+    std::memcpy(piece + head, password, filled - head);
+    while (filled < kKeyPiece) {
+        const size_t copy = std::min(filled, kKeyPiece - filled);
+        std::memcpy(piece + filled, piece, copy);
+        filled += copy;
+    }
+}
+
+// Turns the piece for position p into the piece for p + 64 when the password is at most
+// 64 bytes: the stream repeats every `length` bytes, so the new piece is the old one
+// shifted by 64 mod length, and its tail repeats the bytes `length` before it.
+void NextShortKeyPiece(unsigned char* piece, size_t length) {
+    const size_t shift = kKeyPiece % length;
+    if (shift == 0) return;
+    std::memmove(piece, piece + shift, kKeyPiece - shift);
+    std::memcpy(piece + kKeyPiece - shift, piece + kKeyPiece - shift - length, shift);
+}
+
+// The localisation work area: key material, wiped before it is released.
+class WorkArea {
+public:
+    explicit WorkArea(size_t length) : m_length(length), m_data(static_cast<unsigned char*>(std::malloc(length ? length : 1))) {}
+    ~WorkArea() {
+        zul::Cleanse(m_data, m_length);
+        std::free(m_data);
+    }
+    WorkArea(const WorkArea&) = delete;
+    WorkArea& operator=(const WorkArea&) = delete;
+    unsigned char* Data() const { return m_data; }
+
+private:
+    size_t m_length;
+    unsigned char* m_data;
+};
+
+const VKL_EVP_CIPHER_t* FindCheckedCipher(VKL_t& vkl, const char* name, const ZulVklConstBuffer& key,
+                                          const ZulVklConstBuffer& iv, ZulVklStatusWrap& status) {
+    const VKL_EVP_CIPHER_t* cipher = VKL_EVP_get_cipherbyname(&vkl, name);
+    if (cipher == nullptr) {
+        Report(status, "Failed to get cipher by name for algorithm: %s\n", name);
+        return nullptr;
+    }
+    const int ivLength = VKL_EVP_CIPHER_iv_length(&vkl, cipher);
+    if (static_cast<long long>(iv.length) != ivLength) {
+        Report(status, "Incorrect iv length for %s encryption/decryption. Required %d but got %u\n", name, ivLength,
+               static_cast<unsigned>(iv.length));
+        return nullptr;
+    }
+    const int keyLength = VKL_EVP_CIPHER_key_length(&vkl, cipher);
+    if (static_cast<long long>(key.length) != keyLength) {
+        Report(status, "Incorrect key length for %s encryption/decryption. Required %d but got %u\n", name, keyLength,
+               static_cast<unsigned>(key.length));
+        return nullptr;
+    }
+    return cipher;
+}
+
+int CipherInit(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklConstBuffer& key,
+               ZulVklConstBuffer& iv, ZulVklStatusWrap& status, bool encrypt) {
+    // Whatever the context held from the previous message goes first.
+    VKL_EVP_CIPHER_CTX_init(&vkl, &ctx);
+    const VKL_EVP_CIPHER_t* cipher = FindCheckedCipher(vkl, name, key, iv, status);
+    if (cipher == nullptr) return 0;
+    if (encrypt) {
+        const int result = VKL_EVP_EncryptInit(&vkl, &ctx, cipher, key.data, iv.data);
+        if (result != 1) return FailWith(status, vkl, "Encryption initialisation failed ", result);
+    } else {
+        int result = VKL_EVP_DecryptInit(&vkl, &ctx, cipher, key.data, iv.data);
+        if (result != 1) return FailWith(status, vkl, "Decryption initialisation failed ", result);
+        // SNMPv3 privacy pads (or not) by itself: the receiver gets every byte back.
+        result = VKL_EVP_CIPHER_CTX_set_padding(&vkl, &ctx, 0);
+        if (result != 1) {
+            Report(status, "Failed to disable padding with algorithm: %s\n", name);
+            status.Set(vkl, result);
+            return 0;
+        }
+    }
+    return VKL_EVP_CIPHER_block_size(&vkl, cipher);
+}
+
+int CipherFinalise(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklBuffer& out,
+                   ZulVklStatusWrap& status, bool encrypt) {
+    int written = 0;
+    const int result = encrypt ? VKL_EVP_EncryptFinal(&vkl, &ctx, out.data, &written)
+                               : VKL_EVP_DecryptFinal(&vkl, &ctx, out.data, &written);
+    if (result != 1) {
+        return FailWith(status, vkl, encrypt ? "Encryption finalisation failed " : "Decryption finalisation failed ",
+                        result);
+    }
+    out.length = static_cast<uint32_t>(written);
+    if (VKL_EVP_CIPHER_CTX_cleanup(&vkl, &ctx) != 1) {
+        Report(status,
+               encrypt ? "Failed to cleanup the cipher context after applying encryption algorithm%s\n"
+                       : "Failed to cleanup the cipher context after applying decryption algorithm%s\n",
+               name);
+    }
+    return 1;
+}
+
+}  // namespace
+
+// ---- Status record ----
+
+void ZulVklStatusWrap::Set(VKL_t& vkl, int result) {
+    if (result == 0) {
+        VKL_GetStatus(&vkl, &status);
+    } else if (result == -2) {
+        const size_t room = Room(*this);
+        const unsigned long code = VKL_ERR_get_error(&vkl);
+        if (room > 0) VKL_ERR_error_string_n(&vkl, code, errorMsg + msgLen, room);
+    }
+}
+
+void ZulVklStatusWrap::Set(const char* text) {
+    if (text == nullptr) return;
+    const size_t length = std::strlen(text);
+    if (Room(*this) > length) {
+        std::memcpy(errorMsg + msgLen, text, length + 1);
+    } else {
+        ZUL_REPORT(text);
+    }
+}
+
+std::ostream& operator<<(std::ostream& out, const ZulVklStatusWrap& status) {
+    out.write(status.status.description, static_cast<std::streamsize>(
+                                             strnlen(status.status.description, sizeof status.status.description)));
+    if (status.errorMsg[0] != '\0') {
+        out << " errorMsg: ";
+        out.write(status.errorMsg, static_cast<std::streamsize>(strnlen(status.errorMsg, kMsgSize)));
+    }
+    return out;
+}
+
+std::ostream& operator<<(std::ostream& out, const ZulVklStatusWrap* status) {
+    if (status == nullptr) return out << "NULL VKL status wrapper";
+    return out << *status;
+}
+
+// ---- Conversions and object life ----
+
+VKL_t* ZulVklWrapConvert(ZulVklCtxWrap* ctx) {
+    if (ctx == nullptr) return nullptr;
+    C_VKL_CTX_Wrap* wrap = ctx->m_Context.GetContext();
+    return wrap != nullptr ? wrap->m_pCtx : nullptr;
+}
+
+VKL_EVP_CIPHER_CTX_t* ZulVklWrapConvert(ZulVklCipherCtxWrap* cipher) {
+    return cipher != nullptr ? cipher->m_pCipherCtx : nullptr;
+}
+
+VKL_HMAC_CTX_t* ZulVklWrapConvert(ZulVklHmacCtxWrap* hmac) { return hmac != nullptr ? hmac->m_pHmacCtx : nullptr; }
+
+VKL_EVP_MD_CTX_t* ZulVklWrapConvert(ZulVklMdCtxWrap* md) { return md != nullptr ? md->m_pMdCtx : nullptr; }
+
+VKL_EVP_MD_CTX_t* ZulVklMdCtxCreateImpl(VKL_t& vkl) {
+    VKL_EVP_MD_CTX_t* md = VKL_EVP_MD_CTX_new(&vkl);
+    if (md != nullptr) VKL_EVP_MD_CTX_init(&vkl, md);
+    return md;
+}
+
+void ZulVklMdCtxDestroyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t* md) {
+    if (md != nullptr) VKL_EVP_MD_CTX_free(&vkl, md);
+}
+
+VKL_HMAC_CTX_t* ZulVklHmacCtxCreateImpl(VKL_t& vkl) { return VKL_HMAC_CTX_new(&vkl); }
+
+void ZulVklHmacCtxDestroyImpl(VKL_t& vkl, VKL_HMAC_CTX_t* hmac) {
+    if (hmac != nullptr) VKL_HMAC_CTX_free(&vkl, hmac);
+}
+
+VKL_EVP_CIPHER_CTX_t* ZulVklCipherCtxCreateImpl(VKL_t& vkl) {
+    VKL_EVP_CIPHER_CTX_t* cipher = VKL_EVP_CIPHER_CTX_new(&vkl);
+    if (cipher != nullptr) VKL_EVP_CIPHER_CTX_init(&vkl, cipher);
+    return cipher;
+}
+
+void ZulVklCipherCtxDestroyImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t* cipher) {
+    if (cipher != nullptr) VKL_EVP_CIPHER_CTX_free(&vkl, cipher);
+}
+
+// ---- Key derivation ----
+
+int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, ZulVklConstBuffer& password,
+                            ZulVklBuffer& key, ZulVklStatusWrap& status) {
+    if (password.length == 0) {
+        status.Set("Currently will not generate a digest with an empty password");
+        return 0;
+    }
+    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    if (type == nullptr) return Report(status, "Failed to get the %s message digest for key generation\n", digest);
+    int result = VKL_EVP_DigestInit(&vkl, &md, type);
+    if (result != 1) return FailWith(status, vkl, "key digest initialisation failed ", result);
+    if (static_cast<long long>(key.length) != VKL_EVP_MD_size(&vkl, type)) {
+        return Report(status, "Incorrect buffer size for %s digest key generation", digest);
+    }
+    unsigned char piece[kKeyPiece];
+    const size_t length = password.length;
+    size_t start = 0;
+    FillKeyPiece(piece, password.data, length, start);
+    for (unsigned i = 0; i < kKeyPieces; ++i) {
+        result = VKL_EVP_DigestUpdate(&vkl, &md, piece, kKeyPiece);
+        if (result != 1) break;
+        // Short passwords roll the piece along; longer ones copy at most two stretches.
+        if (length <= kKeyPiece) {
+            NextShortKeyPiece(piece, length);
+        } else {
+            start = (start + kKeyPiece) % length;
+            FillKeyPiece(piece, password.data, length, start);
+        }
+    }
+    zul::Cleanse(piece, sizeof piece);
+    if (result != 1) return FailWith(status, vkl, "key digest update failed ", result);
+    result = VKL_EVP_DigestFinal(&vkl, &md, key.data, nullptr);
+    if (result != 1) return FailWith(status, vkl, "key digest finalisation failed ", result);
+    return 1;
+}
+
+int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, ZulVklConstBuffer& engineId,
+                            ZulVklConstBuffer& key, ZulVklBuffer& localisedKey, ZulVklStatusWrap& status) {
+    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    if (type == nullptr) return Report(status, "Failed to get the %s message digest for local key generation", digest);
+    if (static_cast<long long>(localisedKey.length) != VKL_EVP_MD_size(&vkl, type)) {
+        return Report(status, "Incorrect buffer size for %s digest local key generation", digest);
+    }
+    const uint64_t total = 2 * static_cast<uint64_t>(key.length) + engineId.length;
+    if (total > UINT32_MAX) {
+        return Report(status, "Key and engine ID too long for %s digest local key generation: %llu bytes", digest,
+                      static_cast<unsigned long long>(total));
+    }
+    WorkArea work(static_cast<size_t>(total));
+    if (work.Data() == nullptr) return Write(status, kOutOfMemory);
+    // RFC 3414 A.2.2: key | engine ID | key.
+    std::memcpy(work.Data(), key.data, key.length);
+    std::memcpy(work.Data() + key.length, engineId.data, engineId.length);
+    std::memcpy(work.Data() + key.length + engineId.length, key.data, key.length);
+    int result = VKL_EVP_DigestInit(&vkl, &md, type);
+    if (result != 1) return FailWith(status, vkl, "localised key digest initialisation failed ", result);
+    result = VKL_EVP_DigestUpdate(&vkl, &md, work.Data(), static_cast<size_t>(total));
+    if (result != 1) return FailWith(status, vkl, "localised key digest update failed ", result);
+    result = VKL_EVP_DigestFinal(&vkl, &md, localisedKey.data, nullptr);
+    if (result != 1) return FailWith(status, vkl, "localised key digest finalisation failed ", result);
+    return 1;
+}
+
+int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, ZulVklConstBuffer& first,
+                          ZulVklConstBuffer& second, ZulVklBuffer& out, ZulVklStatusWrap& status) {
+    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    if (type == nullptr) return Report(status, "Failed to get the %s message digest for key change digest", digest);
+    int result = VKL_EVP_DigestInit(&vkl, &md, type);
+    if (result != 1) return FailWith(status, vkl, "key change digest initialisation failed ", result);
+    result = VKL_EVP_DigestUpdate(&vkl, &md, first.data, first.length);
+    if (result == 1) result = VKL_EVP_DigestUpdate(&vkl, &md, second.data, second.length);
+    if (result != 1) return FailWith(status, vkl, "key change digest update failed ", result);
+    const int size = VKL_EVP_MD_size(&vkl, type);
+    auto* block = static_cast<unsigned char*>(std::malloc(size > 0 ? static_cast<size_t>(size) : 1));
+    if (block == nullptr) return Write(status, kOutOfMemory);
+    result = VKL_EVP_DigestFinal(&vkl, &md, block, nullptr);
+    if (result != 1) {
+        FailWith(status, vkl, "key change digest update failed ", result);
+        std::free(block);
+        return 0;
+    }
+    out.data = block;
+    out.length = static_cast<uint32_t>(size);
+    return 1;
+}
+
+int ZulVklMdDigestLengthImpl(VKL_t& vkl, const char* digest) {
+    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    return type != nullptr ? VKL_EVP_MD_size(&vkl, type) : 0;
+}
+
+// ---- Privacy ciphers ----
+
+int ZulVklCipherRequiredKeySizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
+    const VKL_EVP_CIPHER_t* type = VKL_EVP_get_cipherbyname(&vkl, cipher);
+    if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
+    return VKL_EVP_CIPHER_key_length(&vkl, type);
+}
+
+int ZulVklCipherRequiredIvSizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
+    const VKL_EVP_CIPHER_t* type = VKL_EVP_get_cipherbyname(&vkl, cipher);
+    if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
+    return VKL_EVP_CIPHER_iv_length(&vkl, type);
+}
+
+int ZulVklCipherSetPaddingImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, int padding, ZulVklStatusWrap& status) {
+    const int result = VKL_EVP_CIPHER_CTX_set_padding(&vkl, &ctx, padding);
+    if (result == 1) return 1;
+    Report(status, "Failed to %s padding\n", padding != 0 ? "enable" : "disable");
+    status.Set(vkl, result);
+    return 0;
+}
+
+int ZulVklCipherEncryptInitImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* cipher, ZulVklConstBuffer& key,
+                                ZulVklConstBuffer& iv, ZulVklStatusWrap& status) {
+    return CipherInit(vkl, ctx, cipher, key, iv, status, true);
+}
+
+int ZulVklCipherDecryptInitImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* cipher, ZulVklConstBuffer& key,
+                                ZulVklConstBuffer& iv, ZulVklStatusWrap& status) {
+    return CipherInit(vkl, ctx, cipher, key, iv, status, false);
+}
+
+int ZulVklCipherEncryptUpdateImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char*, ZulVklConstBuffer** in,
+                                  unsigned int count, ZulVklBuffer& out, ZulVklStatusWrap& status) {
+    unsigned char* const start = out.data;
+    uint32_t total = 0;
+    for (unsigned int i = 0; i < count; ++i) {
+        const ZulVklConstBuffer* piece = in[i];
+        // VKL counts in int: a longer piece would arrive as a negative length.
+        if (piece == nullptr || piece->length > INT_MAX) {
+            status.Set("Invalid buffer passed in for SNMPv3 msg encryption");
+            out.data = start;
+            return 0;
+        }
+        int written = 0;
+        const int result =
+            VKL_EVP_EncryptUpdate(&vkl, &ctx, out.data, &written, piece->data, static_cast<int>(piece->length));
+        if (result != 1) {
+            FailWith(status, vkl, "Encryption update failed ", result);
+            out.data = start;
+            return 0;
+        }
+        total += static_cast<uint32_t>(written);
+        out.data += written;
+        out.length = 0;
+    }
+    out.data = start;
+    out.length = total;
+    return 1;
+}
+
+int ZulVklCipherDecryptUpdateImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char*, ZulVklConstBuffer& in,
+                                  ZulVklBuffer& out, ZulVklStatusWrap& status) {
+    if (in.length > INT_MAX) {
+        // VKL counts in int: a longer input would arrive as a negative length.
+        status.Set("Decryption update failed ");
+        return 0;
+    }
+    int written = 0;
+    const int result = VKL_EVP_DecryptUpdate(&vkl, &ctx, out.data, &written, in.data, static_cast<int>(in.length));
+    if (result != 1) return FailWith(status, vkl, "Decryption update failed ", result);
+    out.length = static_cast<uint32_t>(written);
+    return 1;
+}
+
+int ZulVklCipherEncryptFinaliseImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* cipher, ZulVklBuffer& out,
+                                    ZulVklStatusWrap& status) {
+    return CipherFinalise(vkl, ctx, cipher, out, status, true);
+}
+
+int ZulVklCipherDecryptFinaliseImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* cipher, ZulVklBuffer& out,
+                                    ZulVklStatusWrap& status) {
+    return CipherFinalise(vkl, ctx, cipher, out, status, false);
+}
+
+// ---- Authentication digests ----
+
+int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* digest, ZulVklConstBuffer** in,
+                                 unsigned int count, ZulVklConstBuffer& key, ZulVklBuffer& out,
+                                 ZulVklStatusWrap& status) {
+    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    if (type == nullptr) return Report(status, "Failed to get the %s message digest", digest);
+    if (key.length > INT_MAX) return Report(status, "Key too long for the %s message digest", digest);
+    // VKL keeps the keyed state when the key and digest are the ones it holds, so
+    // authenticating every message of a user with its one key costs no rekeying.
+    // A null key re-arms VKL's HMAC with the key it holds; an empty key is a key too.
+    static const unsigned char kEmptyKey = 0;
+    const unsigned char* keyBytes = key.length == 0 ? &kEmptyKey : key.data;
+    VKL_HMAC_Init(&vkl, &hmac, keyBytes, static_cast<int>(key.length), type);
+    for (unsigned int i = 0; i < count; ++i) {
+        if (in[i] == nullptr) {
+            status.Set("Invalid buffer passed in for SNMPv3 msg authentication");
+            return 0;
+        }
+        VKL_HMAC_Update(&vkl, &hmac, in[i]->data, in[i]->length);
+    }
+    unsigned int written = 0;
+    VKL_HMAC_Final(&vkl, &hmac, out.data, &written);
+    out.length = written;
+    VKL_HMAC_Init(&vkl, &hmac, nullptr, 0, nullptr);
+    return 1;
+}
+
+// ---- The C-callable operations ----
+
+extern "C" {
+
+ZulVklCtxWrap* ZulVklCtxCreate(void) {
+    ZulVklCtxWrap* ctx = nullptr;
+    try {
+        ctx = new ZulVklCtxWrap;
+    } catch (const std::bad_alloc&) {
+        return nullptr;  // no exception may cross into a C caller
+    }
+    if (ctx->m_Context.GetContext() == nullptr) {
+        delete ctx;
+        return nullptr;
+    }
+    return ctx;
+}
+
+int ZulVklCtxDestroy(ZulVklCtxWrap* ctx) {
+    delete ctx;
+    return 0;
+}
+
+ZulVklStatusWrap* ZulVklStatusCreate(void) { return new (std::nothrow) ZulVklStatusWrap; }
+
+int ZulVklStatusDestroy(ZulVklStatusWrap* status) {
+    delete status;
+    return 0;
+}
+
+ZulVklMdCtxWrap* ZulVklMdCtxCreate(ZulVklCtxWrap* ctx) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr) return nullptr;
+    VKL_EVP_MD_CTX_t* md = ZulVklMdCtxCreateImpl(*vkl);
+    if (md == nullptr) return nullptr;
+    auto* handle = new (std::nothrow) ZulVklMdCtxWrap(md);
+    if (handle == nullptr) ZulVklMdCtxDestroyImpl(*vkl, md);
+    return handle;
+}
+
+int ZulVklMdCtxDestroy(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr) return 0;
+    ZulVklMdCtxDestroyImpl(*vkl, ZulVklWrapConvert(md));
+    delete md;
+    return 0;
+}
+
+ZulVklHmacCtxWrap* ZulVklHmacCtxCreate(ZulVklCtxWrap* ctx) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr) return nullptr;
+    VKL_HMAC_CTX_t* hmac = ZulVklHmacCtxCreateImpl(*vkl);
+    if (hmac == nullptr) return nullptr;
+    auto* handle = new (std::nothrow) ZulVklHmacCtxWrap(hmac);
+    if (handle == nullptr) ZulVklHmacCtxDestroyImpl(*vkl, hmac);
+    return handle;
+}
+
+int ZulVklHmacCtxDestroy(ZulVklCtxWrap* ctx, ZulVklHmacCtxWrap* hmac) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr) return 0;
+    ZulVklHmacCtxDestroyImpl(*vkl, ZulVklWrapConvert(hmac));
+    delete hmac;
+    return 0;
+}
+
+ZulVklCipherCtxWrap* ZulVklCipherCtxCreate(ZulVklCtxWrap* ctx) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr) return nullptr;
+    VKL_EVP_CIPHER_CTX_t* cipher = ZulVklCipherCtxCreateImpl(*vkl);
+    if (cipher == nullptr) return nullptr;
+    auto* handle = new (std::nothrow) ZulVklCipherCtxWrap(cipher);
+    if (handle == nullptr) ZulVklCipherCtxDestroyImpl(*vkl, cipher);
+    return handle;
+}
+
+int ZulVklCipherCtxDestroy(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* cipher) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr) return 0;
+    ZulVklCipherCtxDestroyImpl(*vkl, ZulVklWrapConvert(cipher));
+    delete cipher;
+    return 0;
+}
+
+void ZulVklLogErrMsg(ZulVklStatusWrap* status) {
+    if (status == nullptr) return;
+    CZulCryptContext::HandleDebug(status->errorMsg, 0);
+    CZulCryptContext::HandleDebug(status->status.description, 0);
+}
+
+int ZulVklMdGenerateKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* digest, ZulVklConstBuffer* password,
+                        ZulVklBuffer* key, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || password == nullptr || key == nullptr ||
+        status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklDigestGenerateKey");
+        return 0;
+    }
+    return ZulVklMdGenerateKeyImpl(*vkl, *mdCtx, digest, *password, *key, *status);
+}
+
+int ZulVklMdLocaliseKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* digest, ZulVklConstBuffer* engineId,
+                        ZulVklConstBuffer* key, ZulVklBuffer* localisedKey, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || engineId == nullptr || key == nullptr ||
+        localisedKey == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklDigestLocaliseKey");
+        return 0;
+    }
+    return ZulVklMdLocaliseKeyImpl(*vkl, *mdCtx, digest, *engineId, *key, *localisedKey, *status);
+}
+
+int ZulVklMdKeyChangeDigest(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* digest, ZulVklConstBuffer* first,
+                            ZulVklConstBuffer* second, ZulVklBuffer* out, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || first == nullptr || second == nullptr ||
+        out == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklMdKeyChangeDigest");
+        return 0;
+    }
+    return ZulVklMdKeyChangeImpl(*vkl, *mdCtx, digest, *first, *second, *out, *status);
+}
+
+int ZulVklMdDigestLength(ZulVklCtxWrap* ctx, const char* digest) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr || digest == nullptr) return 0;
+    return ZulVklMdDigestLengthImpl(*vkl, digest);
+}
+
+int ZulVklCipherRequiredKeySize(ZulVklCtxWrap* ctx, const char* cipher, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr || cipher == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherRequiredKeySize");
+        return 0;
+    }
+    return ZulVklCipherRequiredKeySizeImpl(*vkl, cipher, *status);
+}
+
+int ZulVklCipherRequiredIvSize(ZulVklCtxWrap* ctx, const char* cipher, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    if (vkl == nullptr || cipher == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherRequiredIvSize");
+        return 0;
+    }
+    return ZulVklCipherRequiredIvSizeImpl(*vkl, cipher, *status);
+}
+
+int ZulVklCipherSetPadding(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, int padding, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
+    if (vkl == nullptr || cipherCtx == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherSetPadding");
+        return 0;
+    }
+    return ZulVklCipherSetPaddingImpl(*vkl, *cipherCtx, padding, *status);
+}
+
+int ZulVklCipherEncryptInit(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, const char* cipher,
+                            ZulVklConstBuffer* key, ZulVklConstBuffer* iv, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || key == nullptr || iv == nullptr ||
+        status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptInit");
+        return 0;
+    }
+    return ZulVklCipherEncryptInitImpl(*vkl, *cipherCtx, cipher, *key, *iv, *status);
+}
+
+int ZulVklCipherDecryptInit(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, const char* cipher,
+                            ZulVklConstBuffer* key, ZulVklConstBuffer* iv, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || key == nullptr || iv == nullptr ||
+        status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptInit");
+        return 0;
+    }
+    return ZulVklCipherDecryptInitImpl(*vkl, *cipherCtx, cipher, *key, *iv, *status);
+}
+
+int ZulVklCipherEncryptUpdate(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, const char* cipher,
+                              ZulVklConstBuffer** in, unsigned int count, ZulVklBuffer* out,
+                              ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || in == nullptr || out == nullptr ||
+        status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptUpdate");
+        return 0;
+    }
+    return ZulVklCipherEncryptUpdateImpl(*vkl, *cipherCtx, cipher, in, count, *out, *status);
+}
+
+int ZulVklCipherDecryptUpdate(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, const char* cipher,
+                              ZulVklConstBuffer* in, ZulVklBuffer* out, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || in == nullptr || out == nullptr ||
+        status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptUpdate");
+        return 0;
+    }
+    return ZulVklCipherDecryptUpdateImpl(*vkl, *cipherCtx, cipher, *in, *out, *status);
+}
+
+int ZulVklCipherEncryptFinalise(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, const char* cipher,
+                                ZulVklBuffer* out, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || out == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptFinalise");
+        return 0;
+    }
+    return ZulVklCipherEncryptFinaliseImpl(*vkl, *cipherCtx, cipher, *out, *status);
+}
+
+int ZulVklCipherDecryptFinalise(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, const char* cipher,
+                                ZulVklBuffer* out, ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || out == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptFinalise");
+        return 0;
+    }
+    return ZulVklCipherDecryptFinaliseImpl(*vkl, *cipherCtx, cipher, *out, *status);
+}
+
+int ZulVklHmacGenerateDigest(ZulVklCtxWrap* ctx, ZulVklHmacCtxWrap* hmac, const char* digest,
+                             ZulVklConstBuffer** in, unsigned int count, ZulVklConstBuffer* key, ZulVklBuffer* out,
+                             ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_HMAC_CTX_t* hmacCtx = ZulVklWrapConvert(hmac);
+    if (vkl == nullptr || hmacCtx == nullptr || digest == nullptr || in == nullptr || key == nullptr ||
+        out == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklHmacGenerateDigest");
+        return 0;
+    }
+    return ZulVklHmacGenerateDigestImpl(*vkl, *hmacCtx, digest, in, count, *key, *out, *status);
+}
+
+}  // extern "C"
