@@ -78,12 +78,13 @@ bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsign
     }
     PkeyPtr key = ToOpenSslKey(vkl, rsa, true, function);
     if (!key) return false;
+    ErrorScope errors;
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), key.get(), nullptr));
     size_t written = k;
     if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1 ||
         EVP_PKEY_CTX_set_signature_md(ctx.get(), md->md.get()) != 1 ||
         EVP_PKEY_sign(ctx.get(), signature, &written, hash, hashLength) != 1) {
-        QueueErrorIfEmpty(function, "cannot sign");
+        errors.Fail(function, "cannot sign");
         return false;
     }
     *length = static_cast<unsigned int>(written);
@@ -152,28 +153,24 @@ int VKL_EVP_VerifyFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const unsigned char* 
     }
     vkl::PkeyPtr key = vkl::ToOpenSslKey(vkl, pkey->rsa, false, __func__);
     if (!key) return -1;
+    vkl::ErrorScope errors;
     vkl::PkeyCtxPtr keyCtx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), key.get(), nullptr));
     if (!keyCtx || EVP_PKEY_verify_init(keyCtx.get()) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(keyCtx.get(), RSA_PKCS1_PADDING) != 1 ||
         EVP_PKEY_CTX_set_signature_md(keyCtx.get(), md->md.get()) != 1) {
-        vkl::QueueErrorIfEmpty(__func__, "cannot start the verification");
+        errors.Fail(__func__, "cannot start the verification");
         return -1;
     }
-    ERR_set_mark();
     const int verified = EVP_PKEY_verify(keyCtx.get(), signature, length, hash, hashLength);
-    if (verified == 1) {
-        ERR_pop_to_mark();
-        return 1;
-    }
+    if (verified == 1) return 1;
     if (verified == 0) {
-        // OpenSSL names the stage the check failed at, in one to three entries; callers
-        // read one, and all they can act on is that the signature does not match.
-        ERR_pop_to_mark();
+        // OpenSSL names the stage at which the check failed; all a caller can act on is
+        // that the signature does not match.
+        errors.Drop();
         vkl::QueueError(std::string(__func__) + ": the signature does not match");
         return 0;
     }
-    ERR_clear_last_mark();
-    vkl::QueueErrorIfEmpty(__func__, "cannot verify");
+    errors.Fail(__func__, "cannot verify");
     return -1;
 }
 

@@ -68,16 +68,19 @@ enum class Operation { kPublicEncrypt, kPublicDecrypt, kPrivateEncrypt, kPrivate
 // The record-based RSA operation, through OpenSSL when the key can be imported.
 int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* from, unsigned char* to, VKL_RSA_t* rsa,
            int padding, const char* function) {
-    if (vkl == nullptr || from == nullptr || to == nullptr || length < 0) {
+    if (vkl == nullptr || (from == nullptr && length != 0) || to == nullptr || length < 0) {
         QueueError(std::string(function) + ": no context, input or output");
         return -1;
     }
+    static const unsigned char kNoInput = 0;
+    if (from == nullptr) from = &kNoInput;
     if (padding != VKL_RSA_PKCS1_PADDING) {
         QueueError(std::string(function) + ": unsupported padding " + std::to_string(padding));
         return -1;
     }
     const bool isPrivate = operation == Operation::kPrivateEncrypt || operation == Operation::kPrivateDecrypt;
     if (isPrivate ? !HasPrivateKey(rsa, function) : !HasPublicKey(rsa, function)) return -1;
+    ErrorScope errors;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     const size_t inLength = static_cast<size_t>(length);
 
@@ -121,7 +124,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
     if (!pkey) return -1;
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), pkey.get(), nullptr));
     if (!ctx) {
-        QueueErrorIfEmpty(function, "cannot create an OpenSSL key context");
+        errors.Fail(function, "cannot create an OpenSSL key context");
         return -1;
     }
     int started = 0;
@@ -132,7 +135,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
         case Operation::kPrivateDecrypt: started = EVP_PKEY_decrypt_init(ctx.get()); break;
     }
     if (started != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) != 1) {
-        QueueErrorIfEmpty(function, "cannot start the RSA operation");
+        errors.Fail(function, "cannot start the RSA operation");
         return -1;
     }
 #ifdef OSSL_ASYM_CIPHER_PARAM_IMPLICIT_REJECTION
@@ -142,7 +145,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
         OSSL_PARAM params[] = {OSSL_PARAM_construct_uint(OSSL_ASYM_CIPHER_PARAM_IMPLICIT_REJECTION, &off),
                                OSSL_PARAM_construct_end()};
         if (EVP_PKEY_CTX_set_params(ctx.get(), params) != 1) {
-            QueueErrorIfEmpty(function, "cannot turn off implicit rejection");
+            errors.Fail(function, "cannot turn off implicit rejection");
             return -1;
         }
     }
@@ -156,13 +159,49 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
         case Operation::kPrivateDecrypt: done = EVP_PKEY_decrypt(ctx.get(), to, &written, from, inLength); break;
     }
     if (done != 1) {
-        QueueErrorIfEmpty(function, "the RSA operation failed");
+        errors.Fail(function, "the RSA operation failed");
         return -1;
     }
     return static_cast<int>(written);
 }
 
 }  // namespace
+
+ErrorScope::ErrorScope() : m_marked(ERR_set_mark() == 1) {}
+
+ErrorScope::~ErrorScope() {
+    if (m_open && m_marked) (void)ERR_clear_last_mark();
+}
+
+void ErrorScope::Drop() {
+    if (!m_open) return;
+    if (m_marked) {
+        (void)ERR_pop_to_mark();
+    } else {
+        ERR_clear_error();
+    }
+    m_open = false;
+}
+
+void ErrorScope::Fail(const char* function, const char* cause) {
+    // The first entry names the cause ("pkcs decoding error"); later ones only say which
+    // layer passed it on ("RSA lib"). Behind older entries the first of ours cannot be
+    // told apart, and the newest stands in for it.
+    const char* data = nullptr;
+    int flags = 0;
+    const unsigned long code = m_marked ? ERR_peek_last_error_all(nullptr, nullptr, nullptr, &data, &flags)
+                                        : ERR_peek_error_all(nullptr, nullptr, nullptr, &data, &flags);
+    const std::string text = data != nullptr && (flags & ERR_TXT_STRING) != 0 ? data : "";
+    Drop();
+    if (code != 0 && (!m_marked || ERR_peek_last_error() != code)) {
+        if (text.empty()) {
+            ERR_raise(ERR_GET_LIB(code), ERR_GET_REASON(code));
+        } else {
+            ERR_raise_data(ERR_GET_LIB(code), ERR_GET_REASON(code), "%s", text.c_str());
+        }
+    }
+    QueueErrorIfEmpty(function, cause);
+}
 
 void ReleaseRecord(VKL_RSA_t* rsa) {
     if (rsa == nullptr || --rsa->references > 0) return;
@@ -205,6 +244,7 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
         QueueError(std::string(function) + ": the key has no public exponent");
         return nullptr;
     }
+    ErrorScope errors;
     ParamBldPtr bld(OSSL_PARAM_BLD_new());
     bool ok = bld && Push(bld.get(), OSSL_PKEY_PARAM_RSA_N, rsa->n, false) &&
               Push(bld.get(), OSSL_PKEY_PARAM_RSA_E, rsa->e, false);
@@ -225,7 +265,7 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
     EVP_PKEY* made = nullptr;
     if (!ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
         EVP_PKEY_fromdata(ctx.get(), &made, withPrivate ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
-        QueueErrorIfEmpty(function, "cannot import the RSA key");
+        errors.Fail(function, "cannot import the RSA key");
         return nullptr;
     }
     return PkeyPtr(made);
@@ -233,6 +273,7 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
 
 bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* em, unsigned char* out,
                          const char* function) {
+    ErrorScope errors;
     const BIGNUM* n = rsa->n->bn.get();
     const int k = BN_num_bytes(n);
     BnCtxPtr bnCtx(BN_CTX_new_ex(vkl->libctx.get()));
@@ -241,7 +282,7 @@ bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* 
     BnPtr result(BN_new());
     MontCtxPtr mont(BN_MONT_CTX_new());
     if (!bnCtx || !m || !d || !result || !mont) {
-        QueueErrorIfEmpty(function, "out of memory");
+        errors.Fail(function, "out of memory");
         return false;
     }
     if (!BN_is_odd(n)) {
@@ -257,7 +298,7 @@ bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* 
     if (BN_MONT_CTX_set(mont.get(), n, bnCtx.get()) != 1 ||
         BN_mod_exp_mont_consttime(result.get(), m.get(), d.get(), n, bnCtx.get(), mont.get()) != 1 ||
         BN_bn2binpad(result.get(), out, k) != k) {
-        QueueErrorIfEmpty(function, "the RSA operation failed");
+        errors.Fail(function, "the RSA operation failed");
         return false;
     }
     return true;
@@ -289,6 +330,7 @@ VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e, void (*)(
         vkl::QueueError(std::string(__func__) + ": no VKL context");
         return nullptr;
     }
+    vkl::ErrorScope errors;
     vkl::PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(vkl->libctx.get(), "RSA", nullptr));
     vkl::BnPtr exponent(BN_new());
     EVP_PKEY* made = nullptr;
@@ -296,7 +338,7 @@ VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e, void (*)(
         EVP_PKEY_CTX_set_rsa_keygen_bits(ctx.get(), bits) != 1 ||
         EVP_PKEY_CTX_set1_rsa_keygen_pubexp(ctx.get(), exponent.get()) != 1 ||
         EVP_PKEY_generate(ctx.get(), &made) != 1) {
-        vkl::QueueErrorIfEmpty(__func__, "cannot generate the key");
+        errors.Fail(__func__, "cannot generate the key");
         return nullptr;
     }
     vkl::PkeyPtr pkey(made);
@@ -316,7 +358,7 @@ VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e, void (*)(
     rsa->iqmp = vkl::TakeParam(pkey.get(), OSSL_PKEY_PARAM_RSA_COEFFICIENT1);
     for (VKL_BIGNUM_t* number : {rsa->n, rsa->e, rsa->d, rsa->p, rsa->q, rsa->dmp1, rsa->dmq1, rsa->iqmp}) {
         if (number == nullptr) {
-            vkl::QueueErrorIfEmpty(__func__, "cannot read the generated key");
+            errors.Fail(__func__, "cannot read the generated key");
             return nullptr;
         }
     }
@@ -331,9 +373,10 @@ int VKL_RSA_check_key(VKL_t* vkl, const VKL_RSA_t* rsa) {
     }
     vkl::PkeyPtr pkey = vkl::ToOpenSslKey(vkl, rsa, true, __func__);
     if (!pkey) return 0;
+    vkl::ErrorScope errors;
     vkl::PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), pkey.get(), nullptr));
     if (!ctx || EVP_PKEY_check(ctx.get()) != 1) {
-        vkl::QueueErrorIfEmpty(__func__, "the key is not consistent");
+        errors.Fail(__func__, "the key is not consistent");
         return 0;
     }
     return 1;

@@ -13,6 +13,28 @@
 
 namespace vkl {
 
+// OpenSSL explains one failure in up to three entries. Callers read one entry per
+// failure, so the rest would be taken as the cause of their next failure: a scope keeps
+// only the entry that names the cause.
+class ErrorScope {
+public:
+    ErrorScope();
+    ~ErrorScope();
+    ErrorScope(const ErrorScope&) = delete;
+    ErrorScope& operator=(const ErrorScope&) = delete;
+
+    // Leaves the first entry raised since construction (if any) as the only one, then
+    // queues "<function>: <cause>" if the queue is empty.
+    void Fail(const char* function, const char* cause);
+    // Drops every entry raised since construction.
+    void Drop();
+
+private:
+    // False when the queue was empty at construction: everything on it is then ours.
+    bool m_marked;
+    bool m_open = true;
+};
+
 // Drops one reference to the record; the last one releases it and its (cleared) numbers.
 void ReleaseRecord(VKL_RSA_t* rsa);
 using RecordPtr = std::unique_ptr<VKL_RSA_t, Deleter<VKL_RSA_t, ReleaseRecord>>;
