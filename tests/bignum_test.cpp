@@ -55,7 +55,8 @@ TEST_F(BigNumTest, PacketsHoldTheStatedBytes) {
     for (const zultest::VectorCase& vector : zultest::ReadVectors("bignum_packet.vec")) {
         SCOPED_TRACE(vector.Where());
         CZulCryptBigNum number(*context);
-        ASSERT_TRUE(number.SetNumber(reinterpret_cast<const unsigned char*>("\x12\x34")));
+        const unsigned char old[] = {0x00, 0x10, 0x12, 0x34};
+        ASSERT_TRUE(number.SetNumber(old));
         // An odd address: the prefix is read byte by byte.
         std::vector<unsigned char> packet(1);
         const std::vector<unsigned char> in = vector.Bytes("In");
