@@ -138,6 +138,49 @@ TEST_F(SignatureTest, VklSignsAlikeWithAndWithoutPublicExponent) {
     }
 }
 
+// Imported public keys are kept per context: a verifier must still use the key it holds
+// when several keys take turns, more of them than are kept.
+TEST_F(SignatureTest, KeysTakingTurnsVerifyOnlyTheirOwnSignatures) {
+    struct Pair {
+        std::vector<unsigned char> n, e, signature;
+    };
+    std::vector<Pair> pairs;
+    VKL_t* vkl = context->GetContext()->m_pCtx;
+    for (int i = 0; i < 10; ++i) {
+        VKL_RSA_t* rsa = VKL_RSA_generate_key(vkl, 512, 65537, nullptr, nullptr);
+        ASSERT_NE(rsa, nullptr);
+        Pair pair;
+        for (auto field : {std::make_pair(rsa->n, &pair.n), std::make_pair(rsa->e, &pair.e)}) {
+            field.second->resize(64);
+            field.second->resize(static_cast<size_t>(VKL_BN_bn2bin(vkl, field.first, field.second->data())));
+        }
+        std::vector<unsigned char> d(64);
+        d.resize(static_cast<size_t>(VKL_BN_bn2bin(vkl, rsa->d, d.data())));
+        VKL_RSA_free(vkl, rsa);
+        CZulCryptSignature signer(*context);
+        ASSERT_TRUE(signer.SetHashAndKey("SHA1", pair.n.data(), static_cast<unsigned int>(pair.n.size()), d.data(),
+                                         static_cast<unsigned int>(d.size())));
+        pair.signature.resize(64);
+        unsigned int length = 0;
+        ASSERT_TRUE(signer.GetSignature(message.data(), 100, pair.signature.data(), &length));
+        pairs.push_back(pair);
+    }
+    CZulCryptSignature verifier(*context);
+    for (int round = 0; round < 2; ++round) {
+        for (size_t i = 0; i < pairs.size(); ++i) {
+            const Pair& key = pairs[i];
+            const Pair& other = pairs[(i + 1) % pairs.size()];
+            ASSERT_TRUE(verifier.SetHashAndKey("SHA1", key.n.data(), static_cast<unsigned int>(key.n.size()),
+                                               key.e.data(), static_cast<unsigned int>(key.e.size())));
+            EXPECT_TRUE(verifier.VerifySignature(message.data(), 100, const_cast<unsigned char*>(key.signature.data()),
+                                                 64)) << i;
+            EXPECT_FALSE(verifier.VerifySignature(message.data(), 100,
+                                                  const_cast<unsigned char*>(other.signature.data()), 64)) << i;
+        }
+    }
+    EXPECT_EQ(diagnostics->errors.size(), 2 * pairs.size());
+}
+
 TEST_F(SignatureTest, FreshObjectQueries) {
     CZulCryptContext::SetLogLevel(4);
     CZulCryptSignature signature(*context);

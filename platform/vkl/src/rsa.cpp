@@ -63,6 +63,41 @@ VKL_BIGNUM_t* TakeParam(const EVP_PKEY* pkey, const char* name) {
     return number;
 }
 
+constexpr size_t kPublicKeysKept = 8;
+
+// n and e as one string: the bytes of each after its length.
+std::string PublicKeyName(const VKL_RSA_t* rsa) {
+    std::string name;
+    for (const VKL_BIGNUM_t* number : {rsa->n, rsa->e}) {
+        const int length = BN_num_bytes(number->bn.get());
+        std::string bytes(static_cast<size_t>(length), '\0');
+        BN_bn2bin(number->bn.get(), reinterpret_cast<unsigned char*>(&bytes[0]));
+        name += std::to_string(length) + ':' + bytes;
+    }
+    return name;
+}
+
+PkeyPtr CachedPublicKey(VKL_t* vkl, const std::string& name) {
+    std::lock_guard<std::mutex> lock(vkl->publicKeyLock);
+    for (const auto& entry : vkl->publicKeys) {
+        if (entry.first == name && EVP_PKEY_up_ref(entry.second.get()) == 1) return PkeyPtr(entry.second.get());
+    }
+    return nullptr;
+}
+
+void RememberPublicKey(VKL_t* vkl, const std::string& name, EVP_PKEY* key) {
+    if (EVP_PKEY_up_ref(key) != 1) return;
+    PkeyPtr reference(key);
+    std::lock_guard<std::mutex> lock(vkl->publicKeyLock);
+    if (vkl->publicKeys.size() < kPublicKeysKept) {
+        vkl->publicKeys.emplace_back(name, std::move(reference));
+        return;
+    }
+    // Round robin: a caller cycling through more keys than are kept still gets correct keys.
+    vkl->publicKeys[vkl->nextPublicKey] = {name, std::move(reference)};
+    vkl->nextPublicKey = (vkl->nextPublicKey + 1) % kPublicKeysKept;
+}
+
 enum class Operation { kPublicEncrypt, kPublicDecrypt, kPrivateEncrypt, kPrivateDecrypt };
 
 // The record-based RSA operation, through OpenSSL when the key can be imported.
@@ -244,6 +279,12 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
         QueueError(std::string(function) + ": the key has no public exponent");
         return nullptr;
     }
+    std::string cacheKey;
+    if (!withPrivate) {
+        cacheKey = PublicKeyName(rsa);
+        PkeyPtr cached = CachedPublicKey(vkl, cacheKey);
+        if (cached) return cached;
+    }
     ErrorScope errors;
     ParamBldPtr bld(OSSL_PARAM_BLD_new());
     bool ok = bld && Push(bld.get(), OSSL_PKEY_PARAM_RSA_N, rsa->n, false) &&
@@ -268,7 +309,9 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
         errors.Fail(function, "cannot import the RSA key");
         return nullptr;
     }
-    return PkeyPtr(made);
+    PkeyPtr key(made);
+    if (!withPrivate) RememberPublicKey(vkl, cacheKey, key.get());
+    return key;
 }
 
 bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* em, unsigned char* out,
