@@ -64,19 +64,15 @@ TEST_F(BigNumTest, PacketsHoldTheStatedBytes) {
         EXPECT_TRUE(number.SetNumber(packet.data() + 1));
         EXPECT_EQ(Held(number), zultest::Hex(vector.Bytes("Out")));
         EXPECT_EQ(number.GetLen(), vector.Bytes("Out").size());
+        if (number.GetLen() == 0) {
+            // An empty number converts to nothing and dumps as such.
+            EXPECT_EQ(number.BuildNumber(), nullptr);
+            CaptureStdout();
+            number.Dump();
+            EXPECT_EQ(GetCapturedStdout(), "NULL\n");
+        }
     }
     EXPECT_THAT(diagnostics->errors, IsEmpty());
-}
-
-TEST_F(BigNumTest, EmptyPacketBuildsNothingAndDumpsNull) {
-    CZulCryptBigNum number(*context);
-    const unsigned char packet[] = {0x00, 0x00};
-    ASSERT_TRUE(number.SetNumber(packet));
-    EXPECT_EQ(number.GetLen(), 0u);
-    EXPECT_EQ(number.BuildNumber(), nullptr);
-    CaptureStdout();
-    number.Dump();
-    EXPECT_EQ(GetCapturedStdout(), "NULL\n");
     EXPECT_EQ(VKLTest_CallCount("VKL_BN_bin2bn"), 0u);
 }
 

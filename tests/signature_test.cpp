@@ -358,47 +358,47 @@ TEST_F(SignatureTest, FailedAllocationsOfKeyObjects) {
     }
 }
 
+// The allocating form traces, sizes its buffer, then signs through the buffer form.
 TEST_F(SignatureTest, TracesOfSigningAndVerifying) {
     CZulCryptContext::SetLogLevel(4);
-    CZulCryptSignature signer(*context);
-    ASSERT_TRUE(Configure(signer, "SHA1", d));
+    CZulCryptSignature signature(*context);
+    ASSERT_TRUE(Configure(signature, "SHA1", d));
     diagnostics->Clear();
     unsigned char* out = nullptr;
     unsigned int length = 0;
-    ASSERT_TRUE(signer.GetSignature(nullptr, 0, &out, &length));
+    ASSERT_TRUE(signature.GetSignature(nullptr, 0, &out, &length));
     EXPECT_EQ(length, 256u);
+    EXPECT_NE(zultest::Hex(out, length), std::string(512, '0'));
+    ASSERT_TRUE(Configure(signature, "SHA1", e));
+    // Any pointer with length 0 is the empty message that was signed.
+    EXPECT_TRUE(signature.VerifySignature(out, 0, out, length));
     std::ostringstream pointer;
     pointer << static_cast<const void*>(out);
-    ASSERT_TRUE(Configure(signer, "SHA1", e));
-    diagnostics->Clear();
-    // Any pointer with length 0 is the empty message that was signed.
-    EXPECT_TRUE(signer.VerifySignature(out, 0, out, length));
-    std::vector<std::string> traces;
-    for (const std::string& trace : diagnostics->TracesAt(4)) {
-        if (trace.rfind("CZulCryptSignature::", 0) == 0) traces.push_back(trace);
-    }
-    EXPECT_THAT(traces, ElementsAre("CZulCryptSignature::VerifySignature(" + pointer.str() + " : 0)\n"));
-    delete[] out;
-}
-
-TEST_F(SignatureTest, AllocatingFormTracesTwiceAndSizesTheBuffer) {
-    CZulCryptContext::SetLogLevel(4);
-    CZulCryptSignature signer(*context);
-    ASSERT_TRUE(Configure(signer, "SHA1", d));
-    diagnostics->Clear();
-    unsigned char* out = nullptr;
-    unsigned int length = 0;
-    ASSERT_TRUE(signer.GetSignature(nullptr, 0, &out, &length));
     std::vector<std::string> traces;
     for (const std::string& trace : diagnostics->TracesAt(4)) {
         if (trace.rfind("CZulCryptSignature::", 0) == 0) traces.push_back(trace);
     }
     EXPECT_THAT(traces, ElementsAre("CZulCryptSignature::GetSignature(NULL : 0)\n",
                                     "CZulCryptSignature::GetSignatureSize() returning 256\n",
-                                    "CZulCryptSignature::GetSignature(NULL : 0)\n"));
-    EXPECT_EQ(length, 256u);
-    EXPECT_NE(zultest::Hex(out, length), std::string(512, '0'));
+                                    "CZulCryptSignature::GetSignature(NULL : 0)\n",
+                                    "CZulCryptSignature::SetHashAndKey(SHA1)\n",
+                                    "CZulCryptSignature::VerifySignature(" + pointer.str() + " : 0)\n"));
     delete[] out;
+}
+
+TEST_F(SignatureTest, PolicyRefusalChangesNothing) {
+    CZulCryptSignature signature(*context);
+    ASSERT_TRUE(Configure(signature, "SHA256", e));
+    WEXTest_SetSystemFips(1);
+    context->SetIsNonFIPSAllowedInFIPS(false);
+    diagnostics->Clear();
+    VKLTest_Reset();
+    EXPECT_FALSE(signature.SetHashAndKey("MD4", n.data(), 128, e.data(), 3));
+    EXPECT_THAT(diagnostics->ErrorTexts(), ElementsAre("Non FIPS algorithm MD4 called in a FIPS context.\n"));
+    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_get_digestbyname"), 0u);
+    EXPECT_EQ(signature.GetSignatureSize(), 256);
+    EXPECT_EQ(signature.GetDigestSize(), 32);
+    EXPECT_TRUE(signature.GetStatus());
 }
 
 TEST_F(SignatureTest, DigestContextFailures) {
