@@ -230,3 +230,22 @@ int VKL_EVP_MD_block_size(VKL_t*, const VKL_EVP_MD_t* md) {
 }
 
 }  // extern "C"
+
+namespace vkl {
+
+bool FinishDigest(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* out, unsigned int* outLength,
+                  const VKL_EVP_MD_s** md, const char* function) {
+    if (!HaveHash(vkl, ctx, function)) return false;
+    *md = ctx->md;
+    unsigned int written = 0;
+    bool ok = Flush(ctx, function);
+    if (ok && EVP_DigestFinal_ex(ctx->ctx.get(), out, &written) != 1) {
+        QueueErrorIfEmpty(function, "cannot finish the digest");
+        ok = false;
+    }
+    Forget(ctx);
+    if (ok) *outLength = written;
+    return ok;
+}
+
+}  // namespace vkl

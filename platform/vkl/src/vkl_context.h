@@ -3,9 +3,12 @@
 #define VKL_CONTEXT_H
 
 #include <memory>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include <vkl.h>
 
@@ -41,6 +44,13 @@ struct VKL_s {
     std::unordered_map<std::string, std::unique_ptr<VKL_EVP_MD_s>> digests;
     std::unordered_map<std::string, std::unique_ptr<VKL_EVP_CIPHER_s>> ciphers;
     std::unordered_map<std::string, vkl::MacPtr> macs;
+
+    // Public RSA keys imported for verification and public-key operations, keyed by
+    // n and e: callers rebuild the same key for every message, and the import costs
+    // more than the verification. Never holds private material.
+    std::mutex publicKeyLock;
+    std::vector<std::pair<std::string, vkl::PkeyPtr>> publicKeys;
+    size_t nextPublicKey = 0;
 };
 
 namespace vkl {

@@ -1,0 +1,60 @@
+// RSA inside the VKL stand-in: turning VKL's RSA record into OpenSSL keys, and
+// the private operations for records that carry n and d but no e, which
+// OpenSSL 3 will not import.
+#ifndef VKL_RSA_KEY_H
+#define VKL_RSA_KEY_H
+
+#include <cstddef>
+#include <memory>
+
+#include <vkl.h>
+
+#include "handles.h"
+
+namespace vkl {
+
+// OpenSSL explains one failure in up to three entries. Callers read one entry per
+// failure, so the rest would be taken as the cause of their next failure: a scope keeps
+// only the entry that names the cause.
+class ErrorScope {
+public:
+    ErrorScope();
+    ~ErrorScope();
+    ErrorScope(const ErrorScope&) = delete;
+    ErrorScope& operator=(const ErrorScope&) = delete;
+
+    // Leaves the first entry raised since construction (if any) as the only one, then
+    // queues "<function>: <cause>" if the queue is empty.
+    void Fail(const char* function, const char* cause);
+    // Drops every entry raised since construction.
+    void Drop();
+
+private:
+    // False when the queue was empty at construction: everything on it is then ours.
+    bool m_marked;
+    bool m_open = true;
+};
+
+// Drops one reference to the record; the last one releases it and its (cleared) numbers.
+void ReleaseRecord(VKL_RSA_t* rsa);
+using RecordPtr = std::unique_ptr<VKL_RSA_t, Deleter<VKL_RSA_t, ReleaseRecord>>;
+
+// An OpenSSL key of the record: n and e, plus d (and the CRT values when all five are
+// present) when `withPrivate`. Null with the cause queued as `function`'s.
+PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const char* function);
+
+// Whether the record holds what the operation needs; queues "<function>: the key has no ..." if not.
+bool HasPublicKey(const VKL_RSA_t* rsa, const char* function);
+bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
+
+// Modulus length in bytes.
+int ModulusBytes(const VKL_RSA_t* rsa);
+
+// out = em^d mod n, as many bytes as the modulus, with a constant-time exponentiation.
+// `em` is the modulus length. False with the cause queued.
+bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* em, unsigned char* out,
+                         const char* function);
+
+}  // namespace vkl
+
+#endif  // VKL_RSA_KEY_H

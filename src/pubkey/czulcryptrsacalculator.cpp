@@ -1,0 +1,57 @@
+#include <czulcryptrsacalculator.h>
+
+#include <climits>
+
+#include "../common/report.h"
+
+static constexpr char kZulFile[] = "czulcryptrsacalculator";
+
+CZulCryptRSACalculator::CZulCryptRSACalculator(CZulCryptContext& context) : m_rContext(context) {}
+
+CZulCryptRSACalculator::~CZulCryptRSACalculator() {}
+
+int CZulCryptRSACalculator::RSAPublicEncrypt(const unsigned char* from, unsigned int fromLength,
+                                             const CZulCryptRSAKey& key, unsigned char* to) {
+    return Run(VKL_RSA_public_encrypt, from, fromLength, key, to);
+}
+
+int CZulCryptRSACalculator::RSAPublicDecrypt(const unsigned char* from, unsigned int fromLength,
+                                             const CZulCryptRSAKey& key, unsigned char* to) {
+    return Run(VKL_RSA_public_decrypt, from, fromLength, key, to);
+}
+
+int CZulCryptRSACalculator::RSAPrivateEncrypt(const unsigned char* from, unsigned int fromLength,
+                                              const CZulCryptRSAKey& key, unsigned char* to) {
+    return Run(VKL_RSA_private_encrypt, from, fromLength, key, to);
+}
+
+int CZulCryptRSACalculator::RSAPrivateDecrypt(const unsigned char* from, unsigned int fromLength,
+                                              const CZulCryptRSAKey& key, unsigned char* to) {
+    return Run(VKL_RSA_private_decrypt, from, fromLength, key, to);
+}
+
+void CZulCryptRSACalculator::BuildRSAKeyStruct(const CZulCryptRSAKey& key, C_VKL_RSA_Wrap* rsa) {
+    key.BuildKeyStruct(rsa);
+}
+
+int CZulCryptRSACalculator::Run(Operation operation, const unsigned char* from, unsigned int fromLength,
+                                const CZulCryptRSAKey& key, unsigned char* to) {
+    C_VKL_CTX_Wrap* holder = m_rContext.GetContext();
+    if (holder == nullptr || holder->m_pCtx == nullptr) {
+        ZUL_REPORT("VKL Context in an invalid state");
+        return -1;
+    }
+    VKL_RSA_t* record = VKL_RSA_new(holder->m_pCtx);
+    if (record == nullptr) {
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+        return -1;
+    }
+    C_VKL_RSA_Wrap wrap(record);
+    BuildRSAKeyStruct(key, &wrap);
+    // VKL lengths are ints; a longer input could never fit a modulus anyway.
+    const int length = fromLength > static_cast<unsigned int>(INT_MAX) ? -1 : static_cast<int>(fromLength);
+    const int result = operation(holder->m_pCtx, length, from, to, record, VKL_RSA_PKCS1_PADDING);
+    VKL_RSA_free(holder->m_pCtx, record);
+    if (result == -1) ZUL_REPORT_VKL_ERROR(m_rContext);
+    return result;
+}
