@@ -32,6 +32,18 @@ public:
     VKL_EVP_CIPHER_CTX_t* m_pCipherCtx;
 };
 
+class C_VKL_BIGNUM_Wrap {
+public:
+    explicit C_VKL_BIGNUM_Wrap(VKL_BIGNUM_t* pBigNum) : m_pBigNum(pBigNum) {}
+    VKL_BIGNUM_t* m_pBigNum;
+};
+
+class C_VKL_RSA_Wrap {
+public:
+    explicit C_VKL_RSA_Wrap(VKL_RSA_t* pRSA) : m_pRSA(pRSA) {}
+    VKL_RSA_t* m_pRSA;
+};
+
 // What an algorithm name is wanted for, as the FIPS policy sees it.
 enum EZulCryptAlgorithmUsage {
     eZulCryptUsageCipher = 0,

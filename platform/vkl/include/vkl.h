@@ -174,6 +174,87 @@ int VKL_HMAC_Update(VKL_t* vkl, VKL_HMAC_CTX_t* ctx, const unsigned char* data, 
 /* Writes the full HMAC (the digest's size) and its length; 1 on success. */
 int VKL_HMAC_Final(VKL_t* vkl, VKL_HMAC_CTX_t* ctx, unsigned char* out, unsigned int* outLength);
 
+/* ---- Big numbers, RSA, key containers, sign/verify ---- */
+
+typedef struct VKL_BIGNUM_s VKL_BIGNUM_t;
+typedef struct VKL_EVP_PKEY_s VKL_EVP_PKEY_t;
+
+/* An RSA key as VKL hands it out: callers read and write the component fields
+ * directly (null when absent); the record owns the numbers in them and releases
+ * them with itself. `references` belongs to VKL. */
+typedef struct VKL_RSA_s {
+    VKL_BIGNUM_t* n;
+    VKL_BIGNUM_t* e;
+    VKL_BIGNUM_t* d;
+    VKL_BIGNUM_t* p;
+    VKL_BIGNUM_t* q;
+    VKL_BIGNUM_t* dmp1;
+    VKL_BIGNUM_t* dmq1;
+    VKL_BIGNUM_t* iqmp;
+    int references;
+} VKL_RSA_t;
+
+/* PKCS #1 v1.5 padding: block type 2 for public encryption, 1 for private encryption. */
+#define VKL_RSA_PKCS1_PADDING 1
+
+/* A new number of value zero, or null. Released with VKL_BN_free or VKL_BN_clear_free. */
+VKL_BIGNUM_t* VKL_BN_new(VKL_t* vkl);
+/* Release a number; null is allowed. The clearing form wipes the value first. */
+void VKL_BN_free(VKL_t* vkl, VKL_BIGNUM_t* bn);
+void VKL_BN_clear_free(VKL_t* vkl, VKL_BIGNUM_t* bn);
+/* Significant bits of the magnitude, 0 for zero; 0 for null. */
+int VKL_BN_num_bits(VKL_t* vkl, const VKL_BIGNUM_t* bn);
+/* Writes the magnitude big-endian without leading zero bytes ((num_bits + 7) / 8 bytes);
+ * returns the count written, -1 on failure. */
+int VKL_BN_bn2bin(VKL_t* vkl, const VKL_BIGNUM_t* bn, unsigned char* out);
+/* Sets ret (or a new number when ret is null) to the unsigned big-endian value of length bytes;
+ * returns it, or null on failure (a new number is then released). */
+VKL_BIGNUM_t* VKL_BN_bin2bn(VKL_t* vkl, const unsigned char* in, int length, VKL_BIGNUM_t* ret);
+/* Makes a non-zero number negative (non-zero sign) or non-negative (0); 1 on success. */
+int VKL_BN_set_negative(VKL_t* vkl, VKL_BIGNUM_t* bn, int sign);
+/* 1 when the number is negative, 0 otherwise. */
+int VKL_BN_is_negative(VKL_t* vkl, const VKL_BIGNUM_t* bn);
+
+/* A new RSA record with every field null, or null. Released with VKL_RSA_free. */
+VKL_RSA_t* VKL_RSA_new(VKL_t* vkl);
+/* Drops one reference; the last one wipes and releases the numbers and the record. Null is allowed. */
+void VKL_RSA_free(VKL_t* vkl, VKL_RSA_t* rsa);
+/* A new complete key (all eight fields) of bits bits and public exponent e, or null.
+ * The progress callback is accepted for compatibility and never called. */
+VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e,
+                                void (*callback)(int, int, void*), void* callbackArgument);
+/* 1 when the record is a consistent private key (n, e, d, and the CRT values when present);
+ * 0 otherwise, with the inconsistency queued. */
+int VKL_RSA_check_key(VKL_t* vkl, const VKL_RSA_t* rsa);
+/* Raw RSA with PKCS #1 v1.5 padding (the only padding offered). to needs room for the
+ * modulus length. The public forms need n and e; the private forms need n and d and use
+ * the CRT values when all five are present. Return the count written to to, or -1. */
+int VKL_RSA_public_encrypt(VKL_t* vkl, int length, const unsigned char* from, unsigned char* to,
+                           VKL_RSA_t* rsa, int padding);
+int VKL_RSA_public_decrypt(VKL_t* vkl, int length, const unsigned char* from, unsigned char* to,
+                           VKL_RSA_t* rsa, int padding);
+int VKL_RSA_private_encrypt(VKL_t* vkl, int length, const unsigned char* from, unsigned char* to,
+                            VKL_RSA_t* rsa, int padding);
+int VKL_RSA_private_decrypt(VKL_t* vkl, int length, const unsigned char* from, unsigned char* to,
+                            VKL_RSA_t* rsa, int padding);
+
+/* A new, empty key container, or null. Released with VKL_EVP_PKEY_free. */
+VKL_EVP_PKEY_t* VKL_EVP_PKEY_new(VKL_t* vkl);
+/* Releases the container and its reference to its RSA record; null is allowed. */
+void VKL_EVP_PKEY_free(VKL_t* vkl, VKL_EVP_PKEY_t* pkey);
+/* Puts rsa into the container, which takes a reference of its own (the caller still
+ * releases its own); the record is read when the container is used. 1 on success, 0 on failure. */
+int VKL_EVP_PKEY_set1_RSA(VKL_t* vkl, VKL_EVP_PKEY_t* pkey, VKL_RSA_t* rsa);
+/* Finishes the hash in ctx and signs it with PKCS #1 v1.5 (needs n and d); writes the
+ * signature (the modulus length) and its length. 1 on success, 0 on failure. The hash is
+ * finished either way. */
+int VKL_EVP_SignFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* signature, unsigned int* length,
+                      VKL_EVP_PKEY_t* pkey);
+/* Finishes the hash in ctx and checks a PKCS #1 v1.5 signature over it (needs n and e).
+ * 1 when valid, 0 when it does not match (queued as such), -1 on any other failure. */
+int VKL_EVP_VerifyFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const unsigned char* signature, unsigned int length,
+                        VKL_EVP_PKEY_t* pkey);
+
 #ifdef __cplusplus
 }
 #endif
