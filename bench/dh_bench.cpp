@@ -89,6 +89,10 @@ void BM_Raw_EVP_PKEY_DH_Group14_KeyAndSecret(benchmark::State& state) {
         benchmark::DoNotOptimize(secret[0]);
     }
 }
-BENCHMARK(BM_Raw_EVP_PKEY_DH_Group14_KeyAndSecret)->ArgName("peer_check")->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Raw_EVP_PKEY_DH_Group14_KeyAndSecret)
+    ->ArgName("peer_check")
+    ->Arg(1)
+    ->Arg(0)
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace

@@ -101,7 +101,8 @@ TEST_F(VklDhTest, KeyPairIsAShortExponentOfTheGenerator) {
         int length;
         int privateBits;  // twice the group's strength: 80 bits for 1024, 112 for 2048
     };
-    for (const Case& group : {Case{CZulCryptDH::ms_Oakley2Prime, 128, 160}, Case{CZulCryptDH::ms_Oakley14Prime, 256, 224}}) {
+    for (const Case& group :
+         {Case{CZulCryptDH::ms_Oakley2Prime, 128, 160}, Case{CZulCryptDH::ms_Oakley14Prime, 256, 224}}) {
         SCOPED_TRACE(group.length);
         VKL_DH_free(vkl, dh);
         dh = Group(group.prime, group.length);
@@ -195,12 +196,13 @@ TEST_F(VklDhTest, RefusalsLeaveOneEntryEach) {
     EXPECT_EQ(VKL_DH_compute_key(nullptr, out.data(), peer, dh), -1);
     EXPECT_EQ(Queue().size(), 3u);
 
-    // 0, 1, -2, p - 1 and p are not members of the large subgroup's coset range.
+    // 0, 1, -2, p - 1 and p lie outside 1 < y < p - 1.
     Bn p = ToBn(dh->p);
     Bn pMinusOne(BN_dup(p.get()));
     ASSERT_EQ(BN_sub_word(pMinusOne.get(), 1), 1);
-    std::vector<VKL_BIGNUM_t*> refused = {VKL_BN_bin2bn(vkl, nullptr, 0, nullptr), VKL_BN_bin2bn(vkl, &two, 1, nullptr),
-                                          VKL_BN_bin2bn(vkl, &two, 1, nullptr), FromBn(pMinusOne.get()), FromBn(p.get())};
+    std::vector<VKL_BIGNUM_t*> refused = {VKL_BN_bin2bn(vkl, nullptr, 0, nullptr),
+                                          VKL_BN_bin2bn(vkl, &two, 1, nullptr), VKL_BN_bin2bn(vkl, &two, 1, nullptr),
+                                          FromBn(pMinusOne.get()), FromBn(p.get())};
     const unsigned char one = 1;
     ASSERT_NE(VKL_BN_bin2bn(vkl, &one, 1, refused[1]), nullptr);
     ASSERT_EQ(VKL_BN_set_negative(vkl, refused[2], 1), 1);

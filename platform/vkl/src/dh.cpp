@@ -146,14 +146,14 @@ VKL_DH_t* VKL_DH_generate_parameters(VKL_t* vkl, int primeLength, int generator,
     vkl::PkeyPtr key(made);
     BIGNUM* p = nullptr;
     BIGNUM* g = nullptr;
-    const bool got = EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_FFC_P, &p) == 1;
+    const bool gotPrime = EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_FFC_P, &p) == 1;
     vkl::BnPtr prime(p);
-    const bool gotG = got && EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_FFC_G, &g) == 1;
+    const bool gotBoth = gotPrime && EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_FFC_G, &g) == 1;
     vkl::BnPtr base(g);
     std::unique_ptr<VKL_BIGNUM_s> pNumber(new (std::nothrow) VKL_BIGNUM_s);
     std::unique_ptr<VKL_BIGNUM_s> gNumber(new (std::nothrow) VKL_BIGNUM_s);
     std::unique_ptr<VKL_DH_t> dh(new (std::nothrow) VKL_DH_t{});
-    if (!gotG || !pNumber || !gNumber || !dh) {
+    if (!gotBoth || !pNumber || !gNumber || !dh) {
         trail.Fail("cannot hold the parameters");
         return nullptr;
     }
