@@ -258,6 +258,37 @@ int VKL_EVP_SignFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* signatur
 int VKL_EVP_VerifyFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const unsigned char* signature, unsigned int length,
                         VKL_EVP_PKEY_t* pkey);
 
+/* ---- Diffie-Hellman (platform/vkl/src/dh.cpp) ---- */
+
+/* A DH record as VKL hands it out: callers read and write the fields directly
+ * (null when absent); the record owns the numbers in them and wipes and releases
+ * them with itself. p and g are the group, pub_key and priv_key this party's pair. */
+typedef struct VKL_DH_s {
+    VKL_BIGNUM_t* p;
+    VKL_BIGNUM_t* g;
+    VKL_BIGNUM_t* pub_key;
+    VKL_BIGNUM_t* priv_key;
+} VKL_DH_t;
+
+/* A new record with every field null, or null. Released with VKL_DH_free. */
+VKL_DH_t* VKL_DH_new(VKL_t* vkl);
+/* Wipes and releases the numbers and the record; null is allowed. */
+void VKL_DH_free(VKL_t* vkl, VKL_DH_t* dh);
+/* A new record with a generated safe prime p of primeLength bits (at least 512) and
+ * generator g, or null. The progress callback is accepted for compatibility and never called. */
+VKL_DH_t* VKL_DH_generate_parameters(VKL_t* vkl, int primeLength, int generator,
+                                     void (*callback)(int, int, void*), void* callbackArgument);
+/* Generates a fresh key pair for the record's p and g into pub_key and priv_key, replacing
+ * any pair it held; the private value has twice the bits of the group's security strength
+ * (NIST SP 800-56A). 1 on success, 0 on failure. */
+int VKL_DH_generate_key(VKL_t* vkl, VKL_DH_t* dh);
+/* The byte size of p; 0 on failure (no record or no p). */
+int VKL_DH_size(VKL_t* vkl, const VKL_DH_t* dh);
+/* Writes the shared secret (peer ^ priv_key mod p) into key, padded with leading zero bytes
+ * to VKL_DH_size bytes, and returns that count; -1 on failure. Needs p, g and the key pair;
+ * refuses a peer value outside 1 < peer < p - 1. */
+int VKL_DH_compute_key(VKL_t* vkl, unsigned char* key, const VKL_BIGNUM_t* peer, VKL_DH_t* dh);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,208 @@
+#include <czulcryptdh.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "../common/cleanse.h"
+#include "../common/report.h"
+#include "../common/trace.h"
+
+static constexpr char kZulFile[] = "czulcryptdh";
+
+// RFC 2409 section 6.2: 2^1024 - 2^960 - 1 + 2^64 * ([2^894 pi] + 129093).
+const unsigned char CZulCryptDH::ms_Oakley2Prime[128] = {
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xC9, 0x0F, 0xDA, 0xA2,
+    0x21, 0x68, 0xC2, 0x34, 0xC4, 0xC6, 0x62, 0x8B, 0x80, 0xDC, 0x1C, 0xD1,
+    0x29, 0x02, 0x4E, 0x08, 0x8A, 0x67, 0xCC, 0x74, 0x02, 0x0B, 0xBE, 0xA6,
+    0x3B, 0x13, 0x9B, 0x22, 0x51, 0x4A, 0x08, 0x79, 0x8E, 0x34, 0x04, 0xDD,
+    0xEF, 0x95, 0x19, 0xB3, 0xCD, 0x3A, 0x43, 0x1B, 0x30, 0x2B, 0x0A, 0x6D,
+    0xF2, 0x5F, 0x14, 0x37, 0x4F, 0xE1, 0x35, 0x6D, 0x6D, 0x51, 0xC2, 0x45,
+    0xE4, 0x85, 0xB5, 0x76, 0x62, 0x5E, 0x7E, 0xC6, 0xF4, 0x4C, 0x42, 0xE9,
+    0xA6, 0x37, 0xED, 0x6B, 0x0B, 0xFF, 0x5C, 0xB6, 0xF4, 0x06, 0xB7, 0xED,
+    0xEE, 0x38, 0x6B, 0xFB, 0x5A, 0x89, 0x9F, 0xA5, 0xAE, 0x9F, 0x24, 0x11,
+    0x7C, 0x4B, 0x1F, 0xE6, 0x49, 0x28, 0x66, 0x51, 0xEC, 0xE6, 0x53, 0x81,
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+};
+
+// RFC 3526 section 3: 2^2048 - 2^1984 - 1 + 2^64 * ([2^1918 pi] + 124476).
+const unsigned char CZulCryptDH::ms_Oakley14Prime[256] = {
+    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xC9, 0x0F, 0xDA, 0xA2,
+    0x21, 0x68, 0xC2, 0x34, 0xC4, 0xC6, 0x62, 0x8B, 0x80, 0xDC, 0x1C, 0xD1,
+    0x29, 0x02, 0x4E, 0x08, 0x8A, 0x67, 0xCC, 0x74, 0x02, 0x0B, 0xBE, 0xA6,
+    0x3B, 0x13, 0x9B, 0x22, 0x51, 0x4A, 0x08, 0x79, 0x8E, 0x34, 0x04, 0xDD,
+    0xEF, 0x95, 0x19, 0xB3, 0xCD, 0x3A, 0x43, 0x1B, 0x30, 0x2B, 0x0A, 0x6D,
+    0xF2, 0x5F, 0x14, 0x37, 0x4F, 0xE1, 0x35, 0x6D, 0x6D, 0x51, 0xC2, 0x45,
+    0xE4, 0x85, 0xB5, 0x76, 0x62, 0x5E, 0x7E, 0xC6, 0xF4, 0x4C, 0x42, 0xE9,
+    0xA6, 0x37, 0xED, 0x6B, 0x0B, 0xFF, 0x5C, 0xB6, 0xF4, 0x06, 0xB7, 0xED,
+    0xEE, 0x38, 0x6B, 0xFB, 0x5A, 0x89, 0x9F, 0xA5, 0xAE, 0x9F, 0x24, 0x11,
+    0x7C, 0x4B, 0x1F, 0xE6, 0x49, 0x28, 0x66, 0x51, 0xEC, 0xE4, 0x5B, 0x3D,
+    0xC2, 0x00, 0x7C, 0xB8, 0xA1, 0x63, 0xBF, 0x05, 0x98, 0xDA, 0x48, 0x36,
+    0x1C, 0x55, 0xD3, 0x9A, 0x69, 0x16, 0x3F, 0xA8, 0xFD, 0x24, 0xCF, 0x5F,
+    0x83, 0x65, 0x5D, 0x23, 0xDC, 0xA3, 0xAD, 0x96, 0x1C, 0x62, 0xF3, 0x56,
+    0x20, 0x85, 0x52, 0xBB, 0x9E, 0xD5, 0x29, 0x07, 0x70, 0x96, 0x96, 0x6D,
+    0x67, 0x0C, 0x35, 0x4E, 0x4A, 0xBC, 0x98, 0x04, 0xF1, 0x74, 0x6C, 0x08,
+    0xCA, 0x18, 0x21, 0x7C, 0x32, 0x90, 0x5E, 0x46, 0x2E, 0x36, 0xCE, 0x3B,
+    0xE3, 0x9E, 0x77, 0x2C, 0x18, 0x0E, 0x86, 0x03, 0x9B, 0x27, 0x83, 0xA2,
+    0xEC, 0x07, 0xA2, 0x8F, 0xB5, 0xC5, 0x5D, 0xF0, 0x6F, 0x4C, 0x52, 0xC9,
+    0xDE, 0x2B, 0xCB, 0xF6, 0x95, 0x58, 0x17, 0x18, 0x39, 0x95, 0x49, 0x7C,
+    0xEA, 0x95, 0x6A, 0xE5, 0x15, 0xD2, 0x26, 0x18, 0x98, 0xFA, 0x05, 0x10,
+    0x15, 0x72, 0x8E, 0x5A, 0x8A, 0xAC, 0xAA, 0x68, 0xFF, 0xFF, 0xFF, 0xFF,
+    0xFF, 0xFF, 0xFF, 0xFF,
+};
+
+namespace {
+
+const unsigned char kGenerator = 0x02;
+
+void TraceConstruction(const CZulCryptContext& context) {
+    if (!zul::TraceWanted(3)) return;
+    std::ostringstream trace;
+    trace << "CZulCryptDH::CZulCryptDH(" << static_cast<const void*>(&context) << ")\n";
+    CZulCryptContext::HandleDebug(trace.str().c_str(), 3);
+}
+
+}  // namespace
+
+CZulCryptDH::CZulCryptDH(CZulCryptContext& context)
+    : m_rContext(context), m_pDHWrap(nullptr), m_bStatus(false), m_pSharedSecret(nullptr) {
+    TraceConstruction(context);
+    m_pDHWrap = new C_VKL_DH_Wrap(VKL_DH_new(Vkl()));
+    if (m_pDHWrap->m_pDH == nullptr) {
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+        return;
+    }
+    m_bStatus = true;
+}
+
+CZulCryptDH::CZulCryptDH(CZulCryptContext& context, int primeBits, int generator)
+    : m_rContext(context), m_pDHWrap(nullptr), m_bStatus(false), m_pSharedSecret(nullptr) {
+    TraceConstruction(context);
+    m_pDHWrap = new C_VKL_DH_Wrap(VKL_DH_generate_parameters(Vkl(), primeBits, generator, nullptr, nullptr));
+    if (m_pDHWrap->m_pDH == nullptr) {
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+        return;
+    }
+    m_bStatus = true;
+    GenerateKey();
+}
+
+CZulCryptDH::~CZulCryptDH() {
+    if (m_pDHWrap->m_pDH != nullptr) {
+        CZulCryptContext::HandleDebug("CZulCryptDH::~CZulCryptDH()\n", 3);
+        // The secret always has the size of the current prime.
+        if (m_pSharedSecret != nullptr) ReleaseSecret(GetSize());
+        VKL_DH_free(Vkl(), m_pDHWrap->m_pDH);
+    }
+    delete m_pDHWrap;
+    std::free(m_pSharedSecret);
+}
+
+VKL_t* CZulCryptDH::Vkl() {
+    // VKL refuses a null context with a queued error; the context's own failure was reported already.
+    C_VKL_CTX_Wrap* holder = m_rContext.GetContext();
+    return holder != nullptr ? holder->m_pCtx : nullptr;
+}
+
+void CZulCryptDH::ReleaseSecret(int length) {
+    if (length > 0) zul::Cleanse(m_pSharedSecret, static_cast<size_t>(length));
+    std::free(m_pSharedSecret);
+    m_pSharedSecret = nullptr;
+}
+
+bool CZulCryptDH::SetOakleyGroup2() { return SetOakleyGroup(ms_Oakley2Prime, sizeof ms_Oakley2Prime); }
+
+bool CZulCryptDH::SetOakleyGroup14() { return SetOakleyGroup(ms_Oakley14Prime, sizeof ms_Oakley14Prime); }
+
+bool CZulCryptDH::SetOakleyGroup(const unsigned char* prime, int primeLength) {
+    VKL_DH_t* dh = m_pDHWrap->m_pDH;
+    if (dh == nullptr) return false;
+    VKL_t* vkl = Vkl();
+    // A secret of the old prime would not match the size GetSharedSecret gives for the new one.
+    if (m_pSharedSecret != nullptr) ReleaseSecret(GetSize());
+
+    // Existing numbers are overwritten in place; new ones belong to us until stored.
+    VKL_BIGNUM_t* g = VKL_BN_bin2bn(vkl, &kGenerator, 1, dh->g);
+    if (g == nullptr) ZUL_REPORT_VKL_ERROR(m_rContext);
+    VKL_BIGNUM_t* p = VKL_BN_bin2bn(vkl, prime, primeLength, dh->p);
+    if (p == nullptr) ZUL_REPORT_VKL_ERROR(m_rContext);
+    if (g == nullptr || p == nullptr) {
+        if (g != nullptr && dh->g == nullptr) VKL_BN_clear_free(vkl, g);
+        if (p != nullptr && dh->p == nullptr) VKL_BN_clear_free(vkl, p);
+        return false;
+    }
+    dh->g = g;
+    dh->p = p;
+    GenerateKey();
+    return m_bStatus;
+}
+
+void CZulCryptDH::GenerateKey() {
+    if (m_pDHWrap == nullptr || m_pDHWrap->m_pDH == nullptr || !m_bStatus) return;
+    if (VKL_DH_generate_key(Vkl(), m_pDHWrap->m_pDH) != 1) {
+        m_bStatus = false;
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+    }
+}
+
+CZulCryptBigNum* CZulCryptDH::GetPublicKey() {
+    if (m_pDHWrap->m_pDH == nullptr || m_pDHWrap->m_pDH->pub_key == nullptr) return nullptr;
+    CZulCryptBigNum* number = new CZulCryptBigNum(m_rContext);
+    C_VKL_BIGNUM_Wrap pub(m_pDHWrap->m_pDH->pub_key);
+    if (!number->SetNumber(&pub)) {
+        delete number;
+        return nullptr;
+    }
+    return number;
+}
+
+void CZulCryptDH::ComputeSharedSecret(CZulCryptBigNum* peerPublicKey) {
+    if (m_pDHWrap->m_pDH == nullptr || !m_bStatus || peerPublicKey == nullptr) return;
+    const int size = GetSize();
+    if (size < 1) {
+        m_bStatus = false;
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+        return;
+    }
+    ReleaseSecret(size);
+    m_pSharedSecret = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(size)));
+    if (m_pSharedSecret == nullptr) {
+        ZUL_REPORT_FATAL("Insufficient memory");
+        m_bStatus = false;
+        return;
+    }
+    std::memset(m_pSharedSecret, 0, static_cast<size_t>(size));
+
+    C_VKL_BIGNUM_Wrap* peer = peerPublicKey->BuildNumber();
+    int result = -1;
+    if (peer != nullptr && peer->m_pBigNum != nullptr) {
+        result = VKL_DH_compute_key(Vkl(), m_pSharedSecret, peer->m_pBigNum, m_pDHWrap->m_pDH);
+        VKL_BN_clear_free(Vkl(), peer->m_pBigNum);
+    } else {
+        m_bStatus = false;
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+    }
+    delete peer;
+    // Only the full size counts: VKL pads, so a shorter result is a failure, not a short secret.
+    if (result != size) {
+        m_bStatus = false;
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+    }
+}
+
+unsigned char* CZulCryptDH::GetSharedSecret(int& length) {
+    length = GetSize();
+    return m_pSharedSecret;
+}
+
+int CZulCryptDH::GetSize() {
+    if (m_pDHWrap->m_pDH == nullptr) return -1;
+    return VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
+}
+
+bool CZulCryptDH::GetStatus() {
+    CZulCryptContext::HandleDebug(m_bStatus ? "CZulCryptDH::GetStatus() returning TRUE\n"
+                                            : "CZulCryptDH::GetStatus() returning FALSE\n",
+                                  4);
+    return m_bStatus;
+}
