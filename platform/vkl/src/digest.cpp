@@ -31,6 +31,10 @@ struct VKL_EVP_MD_CTX_s {
     // digest's blocks, so a flush never leaves OpenSSL a partial block to copy.
     size_t staged = 0;
     size_t capacity = 0;
+    // How far the staging area holds bytes of this hash: wiped once when the
+    // hash ends rather than on every flush, which would cost as much again as
+    // gathering the pieces.
+    size_t touched = 0;
     unsigned char staging[vkl::kStagingRoom];
 };
 
@@ -39,15 +43,16 @@ namespace {
 
 // The staging area may hold key material (HMAC pads, SNMPv3 passwords).
 void Forget(VKL_EVP_MD_CTX_s* ctx) {
-    OPENSSL_cleanse(ctx->staging, ctx->staged);
+    OPENSSL_cleanse(ctx->staging, ctx->staged > ctx->touched ? ctx->staged : ctx->touched);
     ctx->staged = 0;
+    ctx->touched = 0;
     ctx->md = nullptr;
 }
 
 bool Flush(VKL_EVP_MD_CTX_s* ctx, const char* function) {
     if (ctx->staged == 0) return true;
     bool ok = EVP_DigestUpdate(ctx->ctx.get(), ctx->staging, ctx->staged) == 1;
-    OPENSSL_cleanse(ctx->staging, ctx->staged);
+    if (ctx->staged > ctx->touched) ctx->touched = ctx->staged;
     ctx->staged = 0;
     if (!ok) QueueErrorIfEmpty(function, "hashing failed");
     return ok;

@@ -36,12 +36,10 @@ Registry& TheRegistry() {
     return *registry;
 }
 
-// The call log: a ring of name pointers (probe names live for the whole process).
-constexpr size_t kLogSize = 8192;
+}  // namespace
+
 std::array<std::atomic<const char*>, kLogSize> g_log{};
 std::atomic<unsigned long> g_logNext{0};
-
-}  // namespace
 
 Probe& Probe::Named(const char* function) {
     Registry& registry = TheRegistry();
@@ -49,12 +47,6 @@ Probe& Probe::Named(const char* function) {
     auto& slot = registry.probes[function];
     if (!slot) slot = std::make_unique<Probe>(function);
     return *slot;
-}
-
-void Probe::Record() {
-    m_count.fetch_add(1, std::memory_order_relaxed);
-    unsigned long index = g_logNext.fetch_add(1, std::memory_order_relaxed);
-    g_log[index % kLogSize].store(m_name.c_str(), std::memory_order_relaxed);
 }
 
 bool Probe::Fire() {
