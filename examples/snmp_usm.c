@@ -38,6 +38,8 @@ typedef struct Writer {
 } Writer;
 
 static void Put(Writer* w, const unsigned char* bytes, size_t count) {
+    /* An empty OCTET STRING has no content pointer; memcpy must not see it. */
+    if (count == 0) return;
     if (w->overflow || count > w->capacity - w->length) {
         w->overflow = 1;
         return;
