@@ -35,12 +35,10 @@ const Bytes kIv = zultest::FromHex("000102030405060708090a0b0c0d0e0f");
 const char kBlock1[] = "6bc1bee22e409f96e93d7e117393172a";
 const char kCipher1[] = "7649abac8119b246cee98e9b12e9197d";
 
-class CipherContextTest : public zultest::PlatformTest {
+class CipherContextTest : public zultest::ContextTest {
 protected:
     void SetUp() override {
-        PlatformTest::SetUp();
-        context = std::make_unique<CZulCryptContext>();
-        ASSERT_TRUE(context->GetStatus());
+        ContextTest::SetUp();
         cipher = std::make_unique<CZulCryptCipherContext>(*context);
         ASSERT_TRUE(cipher->GetStatus());
         diagnostics->Clear();
@@ -48,27 +46,15 @@ protected:
     }
     void TearDown() override {
         cipher.reset();
-        context.reset();
-        PlatformTest::TearDown();
+        ContextTest::TearDown();
     }
 
     bool KeyAes(bool encrypt) {
         return encrypt ? cipher->SetEncryptType("AES-128-CBC", kKey.data(), 16, kIv.data(), 16)
                        : cipher->SetDecryptType("AES-128-CBC", kKey.data(), 16, kIv.data(), 16);
     }
-    // The reports so far, each checked to come from the cipher object unfatally; clears them.
-    Texts Reports() {
-        Texts texts;
-        for (const zultest::ErrorReport& report : diagnostics->errors) {
-            EXPECT_EQ(report.file, "czulcryptciphercontext");
-            EXPECT_FALSE(report.fatal);
-            texts.push_back(report.text);
-        }
-        diagnostics->Clear();
-        return texts;
-    }
+    Texts Reports() { return diagnostics->TakeErrors("czulcryptciphercontext"); }
 
-    std::unique_ptr<CZulCryptContext> context;
     std::unique_ptr<CZulCryptCipherContext> cipher;
 };
 

@@ -17,21 +17,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-class DigestTest : public zultest::PlatformTest {
-protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        context = new CZulCryptContext;
-        ASSERT_TRUE(context->GetStatus());
-        diagnostics->Clear();
-    }
-    void TearDown() override {
-        delete context;
-        PlatformTest::TearDown();
-    }
-
-    CZulCryptContext* context = nullptr;
-};
+class DigestTest : public zultest::ContextTest {};
 
 // Hashes data in pieces of `piece` bytes (all at once for 0) and returns the hex digest.
 std::string HashInPieces(CZulCryptMDContext& md, std::vector<unsigned char> data, size_t piece) {
@@ -94,7 +80,7 @@ TEST_F(DigestTest, Vectors) {
 
 TEST_F(DigestTest, TracesOfALife) {
     std::ostringstream address;
-    address << static_cast<const void*>(context);
+    address << static_cast<const void*>(context.get());
     {
         CZulCryptMDContext md(*context);
         EXPECT_EQ(md.GetType(), nullptr);

@@ -102,8 +102,7 @@ TEST_F(VklHmacTest, VectorsInAnySplitAndAfterEveryKindOfRestart) {
             EXPECT_EQ(Generate(digest, v.Bytes("Key"), v.Bytes("In"), {SIZE_MAX}, result), 0);
             EXPECT_EQ(Msg(), v.Text("Error"));
             EXPECT_EQ(result, "");
-            while (VKL_ERR_get_error(vkl) != 0) {
-            }
+            zultest::TakeQueue(vkl);
             continue;
         }
         const Bytes key = v.Bytes("Key"), data = v.Bytes("In");
