@@ -30,15 +30,8 @@ protected:
         ZulVklConstBuffer k = In(key), v = In(iv);
         if (ZulVklCipherEncryptInit(ctx, cipher, name, &k, &v, status) == 0) return false;
         if (!padding && ZulVklCipherSetPadding(ctx, cipher, 0, status) != 1) return false;
-        std::vector<ZulVklConstBuffer> pieces;
-        size_t at = 0;
-        for (size_t i = 0; i < sizes.size(); ++i) {
-            const size_t length = i + 1 == sizes.size() ? data.size() - at : std::min(sizes[i], data.size() - at);
-            pieces.push_back({data.data() + at, static_cast<uint32_t>(length)});
-            at += length;
-        }
-        std::vector<ZulVklConstBuffer*> list;
-        for (ZulVklConstBuffer& piece : pieces) list.push_back(&piece);
+        zultest::Gathered gathered(data, sizes);
+        std::vector<ZulVklConstBuffer*>& list = gathered.list;
         Bytes area(data.size() + 32, 0);
         ZulVklBuffer out{area.data(), 12345};
         if (ZulVklCipherEncryptUpdate(ctx, cipher, name, list.data(), static_cast<unsigned>(list.size()), &out,

@@ -3,6 +3,7 @@
 #ifndef ZUL_SNMP_FIXTURE_H
 #define ZUL_SNMP_FIXTURE_H
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,25 @@
 #include "test_support.h"
 
 namespace zultest {
+
+// Data cut into pieces of the given sizes (the last one takes the rest), as
+// the gathering calls take them: `list` points into `pieces`.
+struct Gathered {
+    Gathered(const std::vector<unsigned char>& data, const std::vector<size_t>& sizes) {
+        size_t at = 0;
+        for (size_t i = 0; i < sizes.size(); ++i) {
+            const size_t length = i + 1 == sizes.size() ? data.size() - at : std::min(sizes[i], data.size() - at);
+            pieces.push_back({data.data() + at, static_cast<uint32_t>(length)});
+            at += length;
+        }
+        for (ZulVklConstBuffer& piece : pieces) list.push_back(&piece);
+    }
+    Gathered(const Gathered&) = delete;
+    Gathered& operator=(const Gathered&) = delete;
+
+    std::vector<ZulVklConstBuffer> pieces;
+    std::vector<ZulVklConstBuffer*> list;
+};
 
 class SnmpTest : public PlatformTest {
 protected:
