@@ -7,15 +7,10 @@
 #include <czulcryptbignum.h>
 #include <czulcryptcontext.h>
 
-namespace {
-void Quiet(const char*, unsigned int, const char*, bool) {}
-}  // namespace
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static CZulCryptContext* context = [] {
-        CZulCryptContext::SetErrorResponseFn(Quiet);
-        return new CZulCryptContext;
-    }();
+    CZulCryptContext* context = &zulfuzz::Context();
     if (size < 2) return 0;
     size_t bits = static_cast<size_t>(data[0]) << 8 | data[1];
     size_t bytes = (bits + 7) / 8;

@@ -8,9 +8,9 @@
 #include <czulcryptciphercontext.h>
 #include <czulcryptcontext.h>
 
-namespace {
+#include "fuzz_support.h"
 
-void Quiet(const char*, unsigned int, const char*, bool) {}
+namespace {
 
 const char* const kCiphers[] = {"AES-128-CBC", "AES-256-CTR", "AES-128-CFB", "AES-192-OFB",
                                 "AES-128-ECB", "DES-CBC",     "DES-EDE3-CBC", "BF-CBC"};
@@ -40,10 +40,7 @@ bool Stream(CZulCryptCipherContext& cipher, std::vector<unsigned char>& in, cons
 
 // Input: cipher choice, count of piece sizes, the sizes, then the plaintext.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static CZulCryptContext* context = [] {
-        CZulCryptContext::SetErrorResponseFn(Quiet);
-        return new CZulCryptContext;
-    }();
+    CZulCryptContext* context = &zulfuzz::Context();
     if (size < 2) return 0;
     const char* name = kCiphers[data[0] % (sizeof kCiphers / sizeof kCiphers[0])];
     size_t count = data[1] <= size - 2 ? data[1] : size - 2;

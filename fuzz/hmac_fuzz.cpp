@@ -7,19 +7,17 @@
 #include <openssl/hmac.h>
 
 #include <czulcryptcontext.h>
+
+#include "fuzz_support.h"
 #include <czulcrypthmac.h>
 
 namespace {
-void Quiet(const char*, unsigned int, const char*, bool) {}
 const char* const kDigests[] = {"MD5", "SHA1", "SHA224", "SHA256", "SHA384", "SHA512", "SHA3-256"};
 }  // namespace
 
 // Input: digest choice, key length, key, message.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static CZulCryptContext* context = [] {
-        CZulCryptContext::SetErrorResponseFn(Quiet);
-        return new CZulCryptContext;
-    }();
+    CZulCryptContext* context = &zulfuzz::Context();
     if (size < 2) return 0;
     const char* name = kDigests[data[0] % (sizeof kDigests / sizeof kDigests[0])];
     size_t keyLength = data[1] <= size - 2 ? data[1] : size - 2;

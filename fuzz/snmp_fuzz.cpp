@@ -9,10 +9,9 @@
 #include <czulcryptcontext.h>
 #include <zulcryptimpl.h>
 
-namespace {
+#include "fuzz_support.h"
 
-void Quiet(const char*, unsigned int, const char*, bool) {}
-void QuietTrace(const char*, unsigned int) {}
+namespace {
 
 const char* const kDigests[] = {"MD5", "SHA1", "SHA224", "SHA256", "SHA384", "SHA512", "NOPE", ""};
 const char* const kCiphers[] = {"AES-128-CFB", "DES-CBC", "AES-256-CFB", "DES-EDE3-CBC", "NOPE"};
@@ -149,8 +148,7 @@ void Encrypt(Session& s, ZulVklStatusWrap* status, Reader& in) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Session* session = [] {
-        CZulCryptContext::SetErrorResponseFn(Quiet);
-        CZulCryptContext::SetDebugResponseFn(QuietTrace);
+        zulfuzz::SilenceReports();
         return new Session;
     }();
     Reader in{data, size};

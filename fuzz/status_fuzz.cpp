@@ -5,15 +5,10 @@
 
 #include <czulcryptcontext.h>
 
-namespace {
-void Quiet(const char*, unsigned int, const char*, bool) {}
-}  // namespace
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static CZulCryptContext* context = [] {
-        CZulCryptContext::SetErrorResponseFn(Quiet);
-        return new CZulCryptContext;
-    }();
+    CZulCryptContext* context = &zulfuzz::Context();
     C_VKL_STATUS_Wrap status;
     std::memset(&status, 0, sizeof status);
     std::memcpy(&status, data, size < sizeof status ? size : sizeof status);

@@ -21,20 +21,8 @@ using ::testing::IsEmpty;
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 
-class BigNumTest : public zultest::PlatformTest {
+class BigNumTest : public zultest::ContextTest {
 protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        context = new CZulCryptContext;
-        ASSERT_TRUE(context->GetStatus());
-        vkl = context->GetContext()->m_pCtx;
-        diagnostics->Clear();
-    }
-    void TearDown() override {
-        delete context;
-        PlatformTest::TearDown();
-    }
-
     static std::string Held(const CZulCryptBigNum& number) {
         return zultest::Hex(number.GetBigNumPacket(), number.GetLen());
     }
@@ -46,9 +34,6 @@ protected:
         EXPECT_GE(written, 0);
         return zultest::Hex(out.data(), static_cast<size_t>(written));
     }
-
-    CZulCryptContext* context = nullptr;
-    VKL_t* vkl = nullptr;
 };
 
 TEST_F(BigNumTest, PacketsHoldTheStatedBytes) {
@@ -206,7 +191,7 @@ TEST_F(BigNumTest, LifeTraces) {
         CZulCryptBigNum empty(*context);
     }
     std::ostringstream expected;
-    expected << "CZulCryptBigNum::CZulCryptBigNum(" << static_cast<const void*>(context) << ")";
+    expected << "CZulCryptBigNum::CZulCryptBigNum(" << static_cast<const void*>(context.get()) << ")";
     EXPECT_THAT(diagnostics->TracesAt(4), ElementsAre(expected.str()));
     diagnostics->Clear();
     {

@@ -193,19 +193,7 @@ void CheckVectors(CipherPath& path) {
     }
 }
 
-class CipherVectorTest : public zultest::PlatformTest {
-protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        context = std::make_unique<CZulCryptContext>();
-        ASSERT_TRUE(context->GetStatus());
-    }
-    void TearDown() override {
-        context.reset();
-        PlatformTest::TearDown();
-    }
-    std::unique_ptr<CZulCryptContext> context;
-};
+class CipherVectorTest : public zultest::ContextTest {};
 
 TEST_F(CipherVectorTest, ThroughVkl) {
     VklPath path(context->GetContext()->m_pCtx);

@@ -27,19 +27,8 @@ using Texts = std::vector<std::string>;
 
 const char kOutOfRange[] = "VKL_DH_compute_key: the peer's public value is out of range";
 
-class DhTest : public zultest::PlatformTest {
+class DhTest : public zultest::ContextTest {
 protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        context = std::make_unique<CZulCryptContext>();
-        ASSERT_TRUE(context->GetStatus());
-        diagnostics->Clear();
-    }
-    void TearDown() override {
-        context.reset();
-        PlatformTest::TearDown();
-    }
-
     std::unique_ptr<CZulCryptBigNum> Number(const std::vector<unsigned char>& bytes) {
         auto number = std::make_unique<CZulCryptBigNum>(*context);
         if (!bytes.empty()) {
@@ -70,8 +59,6 @@ protected:
         EXPECT_EQ(diagnostics->errors[0].file, "czulcryptdh");
         EXPECT_FALSE(diagnostics->errors[0].fatal);
     }
-
-    std::unique_ptr<CZulCryptContext> context;
 };
 
 std::vector<unsigned char> Bytes(const unsigned char* data, size_t length) {

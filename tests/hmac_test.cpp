@@ -24,21 +24,7 @@ namespace {
 using Texts = std::vector<std::string>;
 using Bytes = std::vector<unsigned char>;
 
-class HmacTest : public zultest::PlatformTest {
-protected:
-    void SetUp() override {
-        PlatformTest::SetUp();
-        context = new CZulCryptContext;
-        ASSERT_TRUE(context->GetStatus());
-        diagnostics->Clear();
-    }
-    void TearDown() override {
-        delete context;
-        PlatformTest::TearDown();
-    }
-
-    CZulCryptContext* context = nullptr;
-};
+class HmacTest : public zultest::ContextTest {};
 
 // The caller-buffer form; "" when it fails.
 std::string Mac(CZulCryptHMAC& hmac, Bytes data) {
@@ -89,7 +75,7 @@ TEST_F(HmacTest, Vectors) {
 
 TEST_F(HmacTest, TracesOfALife) {
     std::ostringstream address;
-    address << static_cast<const void*>(context);
+    address << static_cast<const void*>(context.get());
     {
         CZulCryptHMAC hmac(*context, "SHA1", kAbc, 3);
         EXPECT_EQ(diagnostics->TracesAt(3), (Texts{"CZulCryptMDContext::Initialise()\n",

@@ -23,20 +23,12 @@ using ::testing::ElementsAre;
 using ::testing::Each;
 using ::testing::IsEmpty;
 
-class RsaTest : public zultest::PlatformTest {
+class RsaTest : public zultest::ContextTest {
 protected:
     void SetUp() override {
-        PlatformTest::SetUp();
-        context = new CZulCryptContext;
-        ASSERT_TRUE(context->GetStatus());
-        vkl = context->GetContext()->m_pCtx;
+        ContextTest::SetUp();
         vectors = zultest::ReadVectors("rsa_raw.vec");
         ASSERT_FALSE(vectors.empty());
-        diagnostics->Clear();
-    }
-    void TearDown() override {
-        delete context;
-        PlatformTest::TearDown();
     }
 
     CZulCryptBigNum* Number(const char* name) {
@@ -92,8 +84,6 @@ protected:
         return set;
     }
 
-    CZulCryptContext* context = nullptr;
-    VKL_t* vkl = nullptr;
     std::vector<zultest::VectorCase> vectors;
 };
 

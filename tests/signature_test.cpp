@@ -34,22 +34,15 @@ struct IgnoreLeaks {};
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class SignatureTest : public zultest::PlatformTest {
+class SignatureTest : public zultest::ContextTest {
 protected:
     void SetUp() override {
-        PlatformTest::SetUp();
-        context = new CZulCryptContext;
-        ASSERT_TRUE(context->GetStatus());
+        ContextTest::SetUp();
         const std::vector<zultest::VectorCase> vectors = zultest::ReadVectors("rsa_signature.vec");
         ASSERT_FALSE(vectors.empty());
         n = vectors[0].Bytes("N");
         e = vectors[0].Bytes("E");
         d = vectors[0].Bytes("D");
-        diagnostics->Clear();
-    }
-    void TearDown() override {
-        delete context;
-        PlatformTest::TearDown();
     }
 
     bool Configure(CZulCryptSignature& signature, const char* digest, const std::vector<unsigned char>& exponent) {
@@ -57,7 +50,6 @@ protected:
                                        static_cast<unsigned int>(exponent.size()));
     }
 
-    CZulCryptContext* context = nullptr;
     std::vector<unsigned char> n, e, d;
     std::vector<unsigned char> message = std::vector<unsigned char>(100, 0x5A);
 };
@@ -190,7 +182,7 @@ TEST_F(SignatureTest, FreshObjectQueries) {
     EXPECT_EQ(signature.GetDigestBlockSize(), -1);
     EXPECT_EQ(signature.GetSignatureSize(), -1);
     std::ostringstream constructed;
-    constructed << "CZulCryptSignature::CZulCryptSignature(" << static_cast<const void*>(context) << ")\n";
+    constructed << "CZulCryptSignature::CZulCryptSignature(" << static_cast<const void*>(context.get()) << ")\n";
     EXPECT_THAT(diagnostics->TracesAt(3), ElementsAre(constructed.str(), "CZulCryptSignature::Initialise()\n"));
     EXPECT_THAT(diagnostics->TracesAt(4),
                 ElementsAre("CZulCryptSignature::GetStatus() returning TRUE\n",

@@ -30,15 +30,8 @@ protected:
         ZulVklConstBuffer k = In(key), v = In(iv);
         if (ZulVklCipherEncryptInit(ctx, cipher, name, &k, &v, status) == 0) return false;
         if (!padding && ZulVklCipherSetPadding(ctx, cipher, 0, status) != 1) return false;
-        std::vector<ZulVklConstBuffer> pieces;
-        size_t at = 0;
-        for (size_t i = 0; i < sizes.size(); ++i) {
-            const size_t length = i + 1 == sizes.size() ? data.size() - at : std::min(sizes[i], data.size() - at);
-            pieces.push_back({data.data() + at, static_cast<uint32_t>(length)});
-            at += length;
-        }
-        std::vector<ZulVklConstBuffer*> list;
-        for (ZulVklConstBuffer& piece : pieces) list.push_back(&piece);
+        zultest::Gathered gathered(data, sizes);
+        std::vector<ZulVklConstBuffer*>& list = gathered.list;
         Bytes area(data.size() + 32, 0);
         ZulVklBuffer out{area.data(), 12345};
         if (ZulVklCipherEncryptUpdate(ctx, cipher, name, list.data(), static_cast<unsigned>(list.size()), &out,
@@ -143,8 +136,7 @@ TEST_F(SnmpCipherTest, UnknownNamesAndPaddingFailures) {
         for (int flag : {5, 1, 0}) {
             SCOPED_TRACE(std::to_string(flag) + " " + std::to_string(result));
             FreshStatus();
-            while (VKL_ERR_get_error(vkl) != 0) {
-            }
+            zultest::TakeQueue(vkl);
             VKLTest_FailCall("VKL_EVP_CIPHER_CTX_set_padding", 0, 1, result);
             EXPECT_EQ(ZulVklCipherSetPadding(ctx, cipher, flag, status), 0);
             EXPECT_EQ(Msg(), result == 0 ? std::string("Failed to ") + (flag ? "enable" : "disable") + " padding\n"
@@ -176,8 +168,7 @@ TEST_F(SnmpCipherTest, EveryVklFailureLeavesItsText) {
         for (long result : {-2L, 0L}) {
             SCOPED_TRACE(std::string(fault.function) + " " + std::to_string(result));
             FreshStatus();
-            while (VKL_ERR_get_error(vkl) != 0) {
-            }
+            zultest::TakeQueue(vkl);
             VKLTest_Reset();
             VKLTest_SetStatus("VKL_GetStatus", 2, 6, "cipher state lost");
             VKLTest_FailCall(fault.function, 0, 1, result);

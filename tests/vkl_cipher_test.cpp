@@ -15,39 +15,21 @@
 
 namespace {
 
-class VklCipherTest : public zultest::PlatformTest {
+class VklCipherTest : public zultest::ContextTest {
 protected:
     void SetUp() override {
-        PlatformTest::SetUp();
-        context = std::make_unique<CZulCryptContext>();
-        ASSERT_TRUE(context->GetStatus());
-        vkl = context->GetContext()->m_pCtx;
+        ContextTest::SetUp();
         ctx = VKL_EVP_CIPHER_CTX_new(vkl);
         ASSERT_NE(ctx, nullptr);
         ASSERT_EQ(VKL_EVP_CIPHER_CTX_init(vkl, ctx), 1);
         aes = VKL_EVP_get_cipherbyname(vkl, "AES-128-CBC");
         ASSERT_NE(aes, nullptr);
-        Queue();  // the error queue is per thread and outlives earlier tests
     }
     void TearDown() override {
         EXPECT_EQ(VKL_EVP_CIPHER_CTX_free(vkl, ctx), 1);
-        context.reset();
-        PlatformTest::TearDown();
+        ContextTest::TearDown();
     }
 
-    // The texts of every queued entry, oldest first; empties the queue.
-    std::vector<std::string> Queue() {
-        std::vector<std::string> texts;
-        for (unsigned long code; (code = VKL_ERR_get_error(vkl)) != 0;) {
-            char text[512];
-            VKL_ERR_error_string_n(vkl, code, text, sizeof text);
-            texts.emplace_back(text);
-        }
-        return texts;
-    }
-
-    std::unique_ptr<CZulCryptContext> context;
-    VKL_t* vkl = nullptr;
     VKL_EVP_CIPHER_CTX_t* ctx = nullptr;
     const VKL_EVP_CIPHER_t* aes = nullptr;
     unsigned char key[32] = {};
@@ -76,10 +58,10 @@ TEST_F(VklCipherTest, NamesAndSizes) {
     EXPECT_EQ(VKL_EVP_CIPHER_key_length(vkl, nullptr), -1);
     EXPECT_EQ(VKL_EVP_CIPHER_iv_length(vkl, nullptr), -1);
     EXPECT_EQ(VKL_EVP_CIPHER_type(vkl, nullptr), 0);
-    EXPECT_TRUE(Queue().empty());
+    EXPECT_TRUE(zultest::TakeQueue(vkl).empty());
 
     EXPECT_EQ(VKL_EVP_get_cipherbyname(vkl, "NO-SUCH-CIPHER"), nullptr);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_get_cipherbyname: unknown cipher NO-SUCH-CIPHER"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_get_cipherbyname: unknown cipher NO-SUCH-CIPHER"});
 }
 
 TEST_F(VklCipherTest, ContextRemembersItsCipherUntilCleanup) {
@@ -92,32 +74,32 @@ TEST_F(VklCipherTest, ContextRemembersItsCipherUntilCleanup) {
     EXPECT_EQ(VKL_EVP_CIPHER_CTX_cleanup(vkl, ctx), 1);
     EXPECT_EQ(VKL_EVP_CIPHER_CTX_cipher(vkl, ctx), nullptr);
     EXPECT_EQ(VKL_EVP_CIPHER_CTX_free(vkl, nullptr), 1);
-    EXPECT_TRUE(Queue().empty());
+    EXPECT_TRUE(zultest::TakeQueue(vkl).empty());
 }
 
 TEST_F(VklCipherTest, RefusalsQueueTheirCause) {
     EXPECT_EQ(VKL_EVP_EncryptInit(vkl, ctx, nullptr, key, iv), -2);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_EncryptInit: no cipher given or set"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_EncryptInit: no cipher given or set"});
     EXPECT_EQ(VKL_EVP_CIPHER_CTX_set_key_length(vkl, ctx, 16), -2);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_CIPHER_CTX_set_key_length: no cipher set"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_CIPHER_CTX_set_key_length: no cipher set"});
     EXPECT_EQ(VKL_EVP_EncryptUpdate(vkl, nullptr, out, &outLength, key, 16), -2);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_EncryptUpdate: no VKL context or cipher context"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_EncryptUpdate: no VKL context or cipher context"});
     EXPECT_EQ(VKL_EVP_CIPHER_CTX_init(vkl, nullptr), 0);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_CIPHER_CTX_init: no VKL context or cipher context"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_CIPHER_CTX_init: no VKL context or cipher context"});
 
     ASSERT_EQ(VKL_EVP_EncryptInit(vkl, ctx, aes, key, iv), 1);
     EXPECT_EQ(VKL_EVP_CIPHER_CTX_set_key_length(vkl, ctx, 16), 1) << "the length it has";
     EXPECT_EQ(VKL_EVP_CIPHER_CTX_set_key_length(vkl, ctx, 20), -2) << "AES-128 takes 16 bytes only";
-    EXPECT_FALSE(Queue().empty());
+    EXPECT_FALSE(zultest::TakeQueue(vkl).empty());
     EXPECT_EQ(VKL_EVP_DecryptUpdate(vkl, ctx, nullptr, &outLength, key, 16), -2);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_DecryptUpdate: no input, no output or a negative length"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_DecryptUpdate: no input, no output or a negative length"});
     EXPECT_EQ(VKL_EVP_EncryptUpdate(vkl, ctx, out, &outLength, nullptr, 16), -2);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_EncryptUpdate: no input, no output or a negative length"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_EncryptUpdate: no input, no output or a negative length"});
     EXPECT_EQ(VKL_EVP_EncryptFinal(vkl, ctx, out, nullptr), -2);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_EncryptFinal: no output"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_EncryptFinal: no output"});
     // The context was set up to encrypt; OpenSSL names the mismatch itself.
     EXPECT_EQ(VKL_EVP_DecryptUpdate(vkl, ctx, out, &outLength, key, 16), -2);
-    EXPECT_FALSE(Queue().empty());
+    EXPECT_FALSE(zultest::TakeQueue(vkl).empty());
 }
 
 TEST_F(VklCipherTest, LengthChangeAfterTheKeyKeysAgain) {
@@ -162,7 +144,7 @@ TEST_F(VklCipherTest, EveryFunctionAnswersAnArmedFault) {
         unsigned long before = VKLTest_CallCount(c.name);
         EXPECT_EQ(c.call(), c.result);
         EXPECT_EQ(VKLTest_CallCount(c.name), before + 1);
-        EXPECT_EQ(Queue(), std::vector<std::string>{std::string(c.name) + ": injected failure"});
+        EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{std::string(c.name) + ": injected failure"});
     }
 }
 

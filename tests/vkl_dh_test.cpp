@@ -28,20 +28,16 @@ struct BnCtxFree {
 };
 using Bn = std::unique_ptr<BIGNUM, BnFree>;
 
-class VklDhTest : public zultest::PlatformTest {
+class VklDhTest : public zultest::ContextTest {
 protected:
     void SetUp() override {
-        PlatformTest::SetUp();
-        context = std::make_unique<CZulCryptContext>();
-        ASSERT_TRUE(context->GetStatus());
-        vkl = context->GetContext()->m_pCtx;
+        ContextTest::SetUp();
         bnCtx.reset(BN_CTX_new());
         ASSERT_NE(bnCtx, nullptr);
     }
     void TearDown() override {
         VKL_DH_free(vkl, dh);
-        context.reset();
-        PlatformTest::TearDown();
+        ContextTest::TearDown();
     }
 
     // A record with the given prime and generator 2.
@@ -78,19 +74,6 @@ protected:
         return zultest::Hex(bytes);
     }
 
-    // Every entry of VKL's error queue, oldest first; the queue is empty afterwards.
-    std::vector<std::string> Queue() {
-        std::vector<std::string> texts;
-        for (unsigned long code = VKL_ERR_get_error(vkl); code != 0; code = VKL_ERR_get_error(vkl)) {
-            char text[512] = {};
-            VKL_ERR_error_string_n(vkl, code, text, sizeof text);
-            texts.push_back(text);
-        }
-        return texts;
-    }
-
-    std::unique_ptr<CZulCryptContext> context;
-    VKL_t* vkl = nullptr;
     VKL_DH_t* dh = nullptr;
     std::unique_ptr<BN_CTX, BnCtxFree> bnCtx;
 };
@@ -126,7 +109,7 @@ TEST_F(VklDhTest, KeyPairIsAShortExponentOfTheGenerator) {
         EXPECT_EQ(dh->priv_key, privBefore);
         EXPECT_NE(BN_cmp(ToBn(dh->priv_key).get(), priv.get()), 0);
     }
-    EXPECT_TRUE(Queue().empty());
+    EXPECT_TRUE(zultest::TakeQueue(vkl).empty());
 }
 
 // A secret below 2^1016 has a leading zero byte; it comes out padded to 128 bytes.
@@ -148,7 +131,7 @@ TEST_F(VklDhTest, SecretIsPaddedToThePrimesSize) {
     EXPECT_EQ(VKL_DH_compute_key(vkl, secret.data(), peer, dh), 128);
     EXPECT_EQ(zultest::Hex(secret), expected);
     VKL_BN_clear_free(vkl, peer);
-    EXPECT_TRUE(Queue().empty());
+    EXPECT_TRUE(zultest::TakeQueue(vkl).empty());
 }
 
 TEST_F(VklDhTest, GeneratedSafePrimeGroupAgrees) {
@@ -177,7 +160,7 @@ TEST_F(VklDhTest, GeneratedSafePrimeGroupAgrees) {
     EXPECT_EQ(zultest::Hex(mine), zultest::Hex(theirs));
     EXPECT_EQ(zultest::Hex(mine), ModExp(ToBn(other->pub_key).get(), ToBn(dh->priv_key).get(), p.get()));
     VKL_DH_free(vkl, other);
-    EXPECT_TRUE(Queue().empty());
+    EXPECT_TRUE(zultest::TakeQueue(vkl).empty());
 }
 
 TEST_F(VklDhTest, RefusalsLeaveOneEntryEach) {
@@ -188,13 +171,13 @@ TEST_F(VklDhTest, RefusalsLeaveOneEntryEach) {
 
     // No key pair yet.
     EXPECT_EQ(VKL_DH_compute_key(vkl, out.data(), peer, dh), -1);
-    EXPECT_EQ(Queue(), std::vector<std::string>{
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{
                            "VKL_DH_compute_key: no VKL context, output, peer value or key pair"});
     ASSERT_EQ(VKL_DH_generate_key(vkl, dh), 1);
     EXPECT_EQ(VKL_DH_compute_key(vkl, nullptr, peer, dh), -1);
     EXPECT_EQ(VKL_DH_compute_key(vkl, out.data(), nullptr, dh), -1);
     EXPECT_EQ(VKL_DH_compute_key(nullptr, out.data(), peer, dh), -1);
-    EXPECT_EQ(Queue().size(), 3u);
+    EXPECT_EQ(zultest::TakeQueue(vkl).size(), 3u);
 
     // 0, 1, -2, p - 1 and p lie outside 1 < y < p - 1.
     Bn p = ToBn(dh->p);
@@ -208,7 +191,7 @@ TEST_F(VklDhTest, RefusalsLeaveOneEntryEach) {
     ASSERT_EQ(VKL_BN_set_negative(vkl, refused[2], 1), 1);
     for (VKL_BIGNUM_t* value : refused) {
         EXPECT_EQ(VKL_DH_compute_key(vkl, out.data(), value, dh), -1);
-        EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_DH_compute_key: the peer's public value is out of range"});
+        EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_DH_compute_key: the peer's public value is out of range"});
         VKL_BN_clear_free(vkl, value);
     }
     EXPECT_EQ(VKL_DH_compute_key(vkl, out.data(), peer, dh), 128);
@@ -220,7 +203,7 @@ TEST_F(VklDhTest, RefusalsLeaveOneEntryEach) {
     EXPECT_EQ(VKL_DH_size(vkl, nullptr), 0);
     EXPECT_EQ(VKL_DH_generate_key(vkl, empty), 0);
     EXPECT_EQ(VKL_DH_generate_key(vkl, nullptr), 0);
-    EXPECT_EQ(Queue(), (std::vector<std::string>{"VKL_DH_size: no group", "VKL_DH_size: no group",
+    EXPECT_EQ(zultest::TakeQueue(vkl), (std::vector<std::string>{"VKL_DH_size: no group", "VKL_DH_size: no group",
                                                  "VKL_DH_generate_key: no VKL context or no group",
                                                  "VKL_DH_generate_key: no VKL context or no group"}));
     VKL_DH_free(vkl, empty);
@@ -228,11 +211,11 @@ TEST_F(VklDhTest, RefusalsLeaveOneEntryEach) {
 
     // OpenSSL refuses a prime below 512 bits: one entry, with OpenSSL's reason.
     EXPECT_EQ(VKL_DH_generate_parameters(vkl, 256, 2, nullptr, nullptr), nullptr);
-    std::vector<std::string> queued = Queue();
+    std::vector<std::string> queued = zultest::TakeQueue(vkl);
     ASSERT_EQ(queued.size(), 1u);
     EXPECT_THAT(queued[0], StartsWith("VKL_DH_generate_parameters: cannot generate the parameters ("));
     EXPECT_EQ(VKL_DH_generate_parameters(vkl, 0, 2, nullptr, nullptr), nullptr);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_DH_generate_parameters: no VKL context or no prime length"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_DH_generate_parameters: no VKL context or no prime length"});
 }
 
 }  // namespace

@@ -13,32 +13,17 @@
 
 namespace {
 
-class VklDigestTest : public zultest::PlatformTest {
+class VklDigestTest : public zultest::ContextTest {
 protected:
     void SetUp() override {
-        PlatformTest::SetUp();
-        context = new CZulCryptContext;
-        ASSERT_TRUE(context->GetStatus());
-        vkl = context->GetContext()->m_pCtx;
+        ContextTest::SetUp();
         ctx = VKL_EVP_MD_CTX_new(vkl);
         ASSERT_NE(ctx, nullptr);
         ASSERT_EQ(VKL_EVP_MD_CTX_init(vkl, ctx), 1);
     }
     void TearDown() override {
         EXPECT_EQ(VKL_EVP_MD_CTX_free(vkl, ctx), 1);
-        delete context;
-        PlatformTest::TearDown();
-    }
-
-    // The texts of every queued entry, oldest first; empties the queue.
-    std::vector<std::string> Queue() {
-        std::vector<std::string> texts;
-        for (unsigned long code; (code = VKL_ERR_get_error(vkl)) != 0;) {
-            char text[512];
-            VKL_ERR_error_string_n(vkl, code, text, sizeof text);
-            texts.emplace_back(text);
-        }
-        return texts;
+        ContextTest::TearDown();
     }
 
     // The digest of data fed in pieces of the given sizes, cycling through them.
@@ -58,8 +43,6 @@ protected:
         return zultest::Hex(out, outLength);
     }
 
-    CZulCryptContext* context = nullptr;
-    VKL_t* vkl = nullptr;
     VKL_EVP_MD_CTX_t* ctx = nullptr;
 };
 
@@ -86,7 +69,7 @@ TEST_F(VklDigestTest, AnySplitGivesTheDigestOfOneUpdate) {
             EXPECT_EQ(Digest(name, data, split), whole) << name << " split starting " << split[0];
         }
     }
-    EXPECT_TRUE(Queue().empty());
+    EXPECT_TRUE(zultest::TakeQueue(vkl).empty());
 }
 
 // The SNMPv3 password-to-key shape: a mebibyte in 64-byte updates.
@@ -112,7 +95,7 @@ TEST_F(VklDigestTest, RestartAndCleanupDropStagedBytes) {
     ASSERT_EQ(VKL_EVP_MD_CTX_cleanup(vkl, ctx), 1);
     unsigned char out[64];
     EXPECT_EQ(VKL_EVP_DigestFinal(vkl, ctx, out, nullptr), -2);
-    EXPECT_EQ(Queue(), std::vector<std::string>{"VKL_EVP_DigestFinal: no digest in progress"});
+    EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{"VKL_EVP_DigestFinal: no digest in progress"});
     EXPECT_EQ(Digest("SHA256", data, {100}), fresh);
 }
 
@@ -127,7 +110,7 @@ TEST_F(VklDigestTest, NamesAndSizes) {
     EXPECT_STREQ(VKL_OBJ_nid2sn(vkl, VKL_EVP_MD_type(vkl, sha3)), "SHA3-224");
     EXPECT_EQ(VKL_EVP_MD_size(vkl, sha3), 28);
     EXPECT_EQ(VKL_EVP_MD_block_size(vkl, sha3), 144);
-    EXPECT_TRUE(Queue().empty());
+    EXPECT_TRUE(zultest::TakeQueue(vkl).empty());
 }
 
 TEST_F(VklDigestTest, FailuresQueueTheirCause) {
@@ -136,14 +119,14 @@ TEST_F(VklDigestTest, FailuresQueueTheirCause) {
 
     EXPECT_EQ(VKL_EVP_get_digestbyname(vkl, "NO-SUCH-DIGEST"), nullptr);
     EXPECT_EQ(VKL_EVP_get_digestbyname(vkl, nullptr), nullptr);
-    EXPECT_EQ(Queue(), (std::vector<std::string>{"VKL_EVP_get_digestbyname: unknown digest NO-SUCH-DIGEST",
+    EXPECT_EQ(zultest::TakeQueue(vkl), (std::vector<std::string>{"VKL_EVP_get_digestbyname: unknown digest NO-SUCH-DIGEST",
                                                  "VKL_EVP_get_digestbyname: no digest name"}));
 
     EXPECT_EQ(VKL_EVP_MD_type(vkl, nullptr), 0);
     EXPECT_EQ(VKL_EVP_MD_size(vkl, nullptr), -1);
     EXPECT_EQ(VKL_EVP_MD_block_size(vkl, nullptr), -1);
     EXPECT_EQ(VKL_OBJ_nid2sn(vkl, -5), nullptr);
-    EXPECT_EQ(Queue(), (std::vector<std::string>{"VKL_EVP_MD_type: no digest", "VKL_EVP_MD_size: no digest",
+    EXPECT_EQ(zultest::TakeQueue(vkl), (std::vector<std::string>{"VKL_EVP_MD_type: no digest", "VKL_EVP_MD_size: no digest",
                                                  "VKL_EVP_MD_block_size: no digest",
                                                  "VKL_OBJ_nid2sn: unknown object identifier number -5"}));
 
@@ -151,7 +134,7 @@ TEST_F(VklDigestTest, FailuresQueueTheirCause) {
     EXPECT_EQ(VKL_EVP_DigestUpdate(vkl, ctx, "abc", 3), -2);
     EXPECT_EQ(VKL_EVP_DigestInit(vkl, ctx, nullptr), -2);
     EXPECT_EQ(VKL_EVP_DigestInit(vkl, nullptr, VKL_EVP_get_digestbyname(vkl, "SHA1")), -2);
-    EXPECT_EQ(Queue(), (std::vector<std::string>{"VKL_EVP_DigestUpdate: no digest in progress",
+    EXPECT_EQ(zultest::TakeQueue(vkl), (std::vector<std::string>{"VKL_EVP_DigestUpdate: no digest in progress",
                                                  "VKL_EVP_DigestInit: no digest",
                                                  "VKL_EVP_DigestInit: no VKL context or digest context"}));
 
@@ -164,7 +147,7 @@ TEST_F(VklDigestTest, FailuresQueueTheirCause) {
     ASSERT_EQ(VKL_EVP_DigestFinal(vkl, ctx, out, &outLength), 1);
     EXPECT_EQ(zultest::Hex(out, outLength), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
     EXPECT_EQ(VKL_EVP_DigestFinal(vkl, ctx, out, &outLength), -2);
-    EXPECT_EQ(Queue(), (std::vector<std::string>{"VKL_EVP_DigestUpdate: no data",
+    EXPECT_EQ(zultest::TakeQueue(vkl), (std::vector<std::string>{"VKL_EVP_DigestUpdate: no data",
                                                  "VKL_EVP_DigestFinal: no output buffer",
                                                  "VKL_EVP_DigestFinal: no digest in progress"}));
 
@@ -172,7 +155,7 @@ TEST_F(VklDigestTest, FailuresQueueTheirCause) {
     EXPECT_EQ(VKL_EVP_MD_CTX_init(vkl, nullptr), 0);
     EXPECT_EQ(VKL_EVP_MD_CTX_cleanup(nullptr, ctx), 0);
     EXPECT_EQ(VKL_EVP_MD_CTX_free(vkl, nullptr), 1);
-    EXPECT_EQ(Queue(), (std::vector<std::string>{"VKL_EVP_MD_CTX_new: no VKL context",
+    EXPECT_EQ(zultest::TakeQueue(vkl), (std::vector<std::string>{"VKL_EVP_MD_CTX_new: no VKL context",
                                                  "VKL_EVP_MD_CTX_init: no VKL context or digest context",
                                                  "VKL_EVP_MD_CTX_cleanup: no VKL context or digest context"}));
 }

@@ -3,6 +3,7 @@
 #ifndef ZUL_SNMP_FIXTURE_H
 #define ZUL_SNMP_FIXTURE_H
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,25 @@
 
 namespace zultest {
 
+// Data cut into pieces of the given sizes (the last one takes the rest), as
+// the gathering calls take them: `list` points into `pieces`.
+struct Gathered {
+    Gathered(const std::vector<unsigned char>& data, const std::vector<size_t>& sizes) {
+        size_t at = 0;
+        for (size_t i = 0; i < sizes.size(); ++i) {
+            const size_t length = i + 1 == sizes.size() ? data.size() - at : std::min(sizes[i], data.size() - at);
+            pieces.push_back({data.data() + at, static_cast<uint32_t>(length)});
+            at += length;
+        }
+        for (ZulVklConstBuffer& piece : pieces) list.push_back(&piece);
+    }
+    Gathered(const Gathered&) = delete;
+    Gathered& operator=(const Gathered&) = delete;
+
+    std::vector<ZulVklConstBuffer> pieces;
+    std::vector<ZulVklConstBuffer*> list;
+};
+
 class SnmpTest : public PlatformTest {
 protected:
     void SetUp() override {
@@ -23,8 +43,7 @@ protected:
         ASSERT_NE(ctx, nullptr);
         vkl = ZulVklWrapConvert(ctx);
         // The error queue is per thread and outlives earlier tests.
-        while (VKL_ERR_get_error(vkl) != 0) {
-        }
+        zultest::TakeQueue(vkl);
         md = ZulVklMdCtxCreate(ctx);
         hmac = ZulVklHmacCtxCreate(ctx);
         cipher = ZulVklCipherCtxCreate(ctx);

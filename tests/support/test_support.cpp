@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include <czulcryptcontext.h>
+#include <vkl.h>
 #include <vkl_testing.h>
 #include <wexcrypt.h>
 #include <wexcrypt_testing.h>
@@ -49,6 +50,17 @@ std::vector<std::string> Diagnostics::TracesAt(unsigned int level) const {
     return texts;
 }
 
+std::vector<std::string> Diagnostics::TakeErrors(const std::string& file) {
+    std::vector<std::string> texts;
+    for (const ErrorReport& report : errors) {
+        EXPECT_EQ(report.file, file) << report.text;
+        EXPECT_FALSE(report.fatal) << report.text;
+        texts.push_back(report.text);
+    }
+    Clear();
+    return texts;
+}
+
 void Diagnostics::Clear() {
     errors.clear();
     traces.clear();
@@ -74,6 +86,30 @@ void PlatformTest::TearDown() {
     WEXTest_SetGetContextResult(-3);
     WEXTest_SetSystemFips(-1);
     CZulCryptContext::SetLogLevel(0);
+}
+
+void ContextTest::SetUp() {
+    PlatformTest::SetUp();
+    context = std::make_unique<CZulCryptContext>();
+    ASSERT_TRUE(context->GetStatus());
+    vkl = context->GetContext()->m_pCtx;
+    TakeQueue(vkl);
+    diagnostics->Clear();
+}
+
+void ContextTest::TearDown() {
+    context.reset();
+    PlatformTest::TearDown();
+}
+
+std::vector<std::string> TakeQueue(VKL_t* vkl) {
+    std::vector<std::string> texts;
+    for (unsigned long code; (code = VKL_ERR_get_error(vkl)) != 0;) {
+        char text[512] = {};
+        VKL_ERR_error_string_n(vkl, code, text, sizeof text);
+        texts.emplace_back(text);
+    }
+    return texts;
 }
 
 std::string Hex(const unsigned char* data, size_t length) {

@@ -3,11 +3,14 @@
 #ifndef ZUL_TEST_SUPPORT_H
 #define ZUL_TEST_SUPPORT_H
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <czulcryptcontext.h>
 
 namespace zultest {
 
@@ -37,6 +40,9 @@ public:
     std::vector<std::string> ErrorTexts() const;
     // Traces of exactly this level, in order.
     std::vector<std::string> TracesAt(unsigned int level) const;
+    // The error texts so far, each checked (non-fatally) to be an unfatal
+    // report of the given source file; clears errors and traces.
+    std::vector<std::string> TakeErrors(const std::string& file);
     void Clear();
 };
 
@@ -49,6 +55,21 @@ protected:
 
     Diagnostics* diagnostics = nullptr;
 };
+
+// A PlatformTest with a usable crypto context made before each test; the VKL
+// error queue (per thread, it outlives earlier tests) starts empty and the
+// context's own start-up reports are cleared.
+class ContextTest : public PlatformTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    std::unique_ptr<CZulCryptContext> context;
+    VKL_t* vkl = nullptr;
+};
+
+// Every entry of VKL's error queue as text, oldest first; the queue is empty after.
+std::vector<std::string> TakeQueue(VKL_t* vkl);
 
 std::string Hex(const unsigned char* data, size_t length);
 std::string Hex(const std::vector<unsigned char>& data);

@@ -1,7 +1,6 @@
 // zulcrypt enc and dec: a named cipher with a hex key and IV over a file or the
 // standard streams, piece by piece, so any size goes through in fixed memory.
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <fstream>
 #include <istream>
@@ -13,6 +12,7 @@
 #include <czulcryptcontext.h>
 
 #include "commands.h"
+#include "hex.h"
 
 namespace zulcrypt {
 namespace {
@@ -23,19 +23,6 @@ std::ostream* g_errors = nullptr;
 
 void ShowError(const char*, unsigned int, const char* text, bool) {
     if (g_errors != nullptr) *g_errors << "zulcrypt: " << text << '\n';
-}
-
-bool ParseHex(const char* text, std::vector<unsigned char>& bytes) {
-    size_t length = std::strlen(text);
-    if (length % 2 != 0) return false;
-    bytes.clear();
-    for (size_t i = 0; i < length; i += 2) {
-        if (!std::isxdigit(static_cast<unsigned char>(text[i])) ||
-            !std::isxdigit(static_cast<unsigned char>(text[i + 1])))
-            return false;
-        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(text + i, 2), nullptr, 16)));
-    }
-    return true;
 }
 
 // Restores the error callback and wipes the key however the command ends.
@@ -61,7 +48,7 @@ int Run(int argc, char** argv, Streams& io, bool encrypt) {
     }
     Session session(io.err);
     std::vector<unsigned char> iv;
-    if (!ParseHex(argv[2], session.key) || !ParseHex(argv[3], iv)) {
+    if (!FromHex(argv[2], session.key) || !FromHex(argv[3], iv)) {
         io.err << "zulcrypt: key and IV must be hex (the IV may be empty: \"\")\n";
         return 2;
     }

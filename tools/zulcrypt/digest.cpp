@@ -15,39 +15,13 @@
 #include <czulcryptmdcontext.h>
 
 #include "commands.h"
+#include "hex.h"
 #include "reports.h"
 
 namespace zulcrypt {
 namespace {
 
 constexpr size_t kChunk = 64 * 1024;
-
-std::string Hex(const unsigned char* data, size_t length) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 15];
-    }
-    return text;
-}
-
-bool FromHex(const char* hex, std::vector<unsigned char>& bytes) {
-    auto nibble = [](char c) -> int {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-        return -1;
-    };
-    size_t length = std::strlen(hex);
-    if (length % 2 != 0) return false;
-    for (size_t i = 0; i < length; i += 2) {
-        int high = nibble(hex[i]), low = nibble(hex[i + 1]);
-        if (high < 0 || low < 0) return false;
-        bytes.push_back(static_cast<unsigned char>(high << 4 | low));
-    }
-    return true;
-}
 
 // The file named by path, or standard input for null or "-"; null (reported) when it cannot be opened.
 std::istream* OpenInput(const char* path, std::unique_ptr<std::ifstream>& file, Streams& io) {
@@ -97,7 +71,7 @@ int DigestCommand(int argc, char** argv, Streams& io) {
     std::vector<unsigned char> out(size > 0 ? static_cast<size_t>(size) : 1);
     unsigned int outLength = 0;
     if (size <= 0 || !md.GetMessageDigest(out.data(), &outLength)) return Failed(capture, "digest", io);
-    io.out << Hex(out.data(), outLength) << '\n';
+    io.out << ToHex(out.data(), outLength) << '\n';
     return 0;
 }
 
@@ -132,7 +106,7 @@ int HmacCommand(int argc, char** argv, Streams& io) {
                       &resultLength)) {
         return Failed(capture, "hmac", io);
     }
-    io.out << Hex(result, resultLength) << '\n';
+    io.out << ToHex(result, resultLength) << '\n';
     std::free(result);
     return 0;
 }

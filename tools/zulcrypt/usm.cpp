@@ -12,6 +12,7 @@
 #include <zulcryptimpl.h>
 
 #include "commands.h"
+#include "hex.h"
 
 namespace zulcrypt {
 namespace {
@@ -34,42 +35,6 @@ const char* VklDigest(const std::string& name) {
         if (name == digest.name) return digest.vkl;
     }
     return nullptr;
-}
-
-std::string ToHex(const unsigned char* data, size_t length) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 15];
-    }
-    return text;
-}
-
-std::string ToHex(const Bytes& data) { return ToHex(data.data(), data.size()); }
-
-int Nibble(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-// Hex with an optional 0x prefix and ':' separators (as engine IDs are often written).
-bool FromHex(std::string text, Bytes& out) {
-    if (text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0) text.erase(0, 2);
-    std::string digits;
-    for (char c : text) {
-        if (c != ':') digits += c;
-    }
-    if (digits.size() % 2 != 0) return false;
-    out.clear();
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        const int high = Nibble(digits[i]), low = Nibble(digits[i + 1]);
-        if (high < 0 || low < 0) return false;
-        out.push_back(static_cast<unsigned char>(high << 4 | low));
-    }
-    return true;
 }
 
 ZulVklConstBuffer In(const Bytes& bytes) {
@@ -189,7 +154,7 @@ int UsmKeysCommand(int argc, char** argv, Streams& io) {
         return Usage(io, kName, "empty password");
     }
     Bytes engineId;
-    if (!FromHex(*engineHex, engineId)) return Usage(io, kName, "bad hex in --engine-id: '" + *engineHex + "'");
+    if (!FromLooseHex(*engineHex, engineId)) return Usage(io, kName, "bad hex in --engine-id: '" + *engineHex + "'");
     if (engineId.empty()) return Usage(io, kName, "empty engine ID");
     const char* digest = VklDigest(*auth);
     if (digest == nullptr) {
@@ -248,12 +213,12 @@ int KeyChangeCommand(int argc, char** argv, Streams& io) {
         return Usage(io, kName, "unknown digest '" + *auth + "' (MD5, SHA1, SHA224, SHA256, SHA384 or SHA512)");
     }
     Bytes oldKey, newKey, random;
-    if (!FromHex(*oldHex, oldKey)) return Usage(io, kName, "bad hex in --old: '" + *oldHex + "'");
-    if (!FromHex(*newHex, newKey)) return Usage(io, kName, "bad hex in --new: '" + *newHex + "'");
+    if (!FromLooseHex(*oldHex, oldKey)) return Usage(io, kName, "bad hex in --old: '" + *oldHex + "'");
+    if (!FromLooseHex(*newHex, newKey)) return Usage(io, kName, "bad hex in --new: '" + *newHex + "'");
     if (newKey.empty()) return Usage(io, kName, "empty key");
     if (oldKey.size() != newKey.size()) return Usage(io, kName, "old and new keys differ in length");
     if (randomHex != nullptr) {
-        if (!FromHex(*randomHex, random)) return Usage(io, kName, "bad hex in --random: '" + *randomHex + "'");
+        if (!FromLooseHex(*randomHex, random)) return Usage(io, kName, "bad hex in --random: '" + *randomHex + "'");
         if (random.size() != newKey.size()) return Usage(io, kName, "the random value must be as long as the keys");
     } else {
         random.assign(newKey.size(), 0);
