@@ -13,8 +13,11 @@
 #include <czulcryptcontext.h>
 #include <czulcrypthmac.h>
 #include <czulcryptmdcontext.h>
+#include <czulcryptsignature.h>
+#include <zulcryptimpl.h>
 
 #include "test_support.h"
+#include "vector_file.h"
 
 namespace {
 
@@ -22,7 +25,7 @@ using zultest::FromHex;
 using zultest::Hex;
 
 constexpr int kThreads = 8;
-constexpr int kRounds = 200;
+constexpr int kRounds = 50;
 
 std::atomic<int> g_errors{0};
 void CountError(const char*, unsigned int, const char*, bool) { g_errors.fetch_add(1); }
@@ -89,6 +92,87 @@ TEST_F(ThreadsTest, DigestsHmacsAndCiphersAgreeWithTheirVectors) {
              Hex(out, static_cast<size_t>(outLength)) == aesCipher;
         return ok;
     });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(g_errors.load(), 0);
+}
+
+TEST_F(ThreadsTest, SignaturesAgreeWithOpensslsAndVerify) {
+    // A SHA-256 case of the fixed key's signatures made by the openssl command line.
+    zultest::VectorCase vector;
+    for (const zultest::VectorCase& candidate : zultest::ReadVectors("rsa_signature.vec")) {
+        if (candidate.Text("Digest") == "SHA256" && candidate.Number("Valid") == 1 && !candidate.Bytes("In").empty()) {
+            vector = candidate;
+            break;
+        }
+    }
+    ASSERT_TRUE(vector.Has("Out"));
+    const std::vector<unsigned char> n = vector.Bytes("N"), e = vector.Bytes("E"), d = vector.Bytes("D");
+    const std::vector<unsigned char> expected = vector.Bytes("Out");
+    const std::vector<unsigned char> message = vector.Bytes("In");
+
+    int wrong = RunOnThreads([&](int thread) {
+        std::vector<unsigned char> data = message;
+        if (thread % 2 == 0) {
+            CZulCryptSignature signer(context);
+            unsigned char signature[512];
+            unsigned int length = 0;
+            return signer.SetHashAndKey("SHA256", n.data(), static_cast<unsigned int>(n.size()), d.data(),
+                                        static_cast<unsigned int>(d.size())) &&
+                   signer.GetSignature(data.data(), static_cast<unsigned int>(data.size()), signature, &length) &&
+                   std::vector<unsigned char>(signature, signature + length) == expected;
+        }
+        CZulCryptSignature verifier(context);
+        std::vector<unsigned char> signature = expected;
+        return verifier.SetHashAndKey("SHA256", n.data(), static_cast<unsigned int>(n.size()), e.data(),
+                                      static_cast<unsigned int>(e.size())) &&
+               verifier.VerifySignature(data.data(), static_cast<unsigned int>(data.size()), signature.data(),
+                                        static_cast<unsigned int>(signature.size()));
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(g_errors.load(), 0);
+}
+
+TEST_F(ThreadsTest, ProceduralInterfaceFromEveryThread) {
+    // One context handle shared by all threads; each has its own object handles and status record.
+    ZulVklCtxWrap* ctx = ZulVklCtxCreate();
+    ASSERT_NE(ctx, nullptr);
+    // RFC 3414 A.3.2: maplesyrup localised to engine 00..02 under SHA-1.
+    const std::string password = "maplesyrup";
+    const std::vector<unsigned char> engine = FromHex("000000000000000000000002");
+    const std::string kul = "6695febc9288e36282235fc7151f128497b38f3f";
+    // RFC 2202 test case 2.
+    const std::string jefe = "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79";
+
+    int wrong = RunOnThreads([&](int) {
+        ZulVklStatusWrap* status = ZulVklStatusCreate();
+        ZulVklMdCtxWrap* md = ZulVklMdCtxCreate(ctx);
+        ZulVklHmacCtxWrap* hmac = ZulVklHmacCtxCreate(ctx);
+        unsigned char ku[20], local[20], mac[20];
+        ZulVklConstBuffer pw{reinterpret_cast<const unsigned char*>(password.data()),
+                             static_cast<uint32_t>(password.size())};
+        ZulVklBuffer kuOut{ku, 20};
+        ZulVklConstBuffer kuIn{ku, 20};
+        ZulVklConstBuffer engineId{engine.data(), static_cast<uint32_t>(engine.size())};
+        ZulVklBuffer localOut{local, 20};
+        bool ok = ZulVklMdGenerateKey(ctx, md, "SHA1", &pw, &kuOut, status) == 1 &&
+                  ZulVklMdLocaliseKey(ctx, md, "SHA1", &engineId, &kuIn, &localOut, status) == 1 &&
+                  Hex(local, 20) == kul;
+
+        const char key[] = "Jefe";
+        const char text[] = "what do ya want for nothing?";
+        ZulVklConstBuffer keyIn{reinterpret_cast<const unsigned char*>(key), 4};
+        ZulVklConstBuffer first{reinterpret_cast<const unsigned char*>(text), 10};
+        ZulVklConstBuffer second{reinterpret_cast<const unsigned char*>(text) + 10, 18};
+        ZulVklConstBuffer* pieces[] = {&first, &second};
+        ZulVklBuffer macOut{mac, 0};
+        ok = ok && ZulVklHmacGenerateDigest(ctx, hmac, "SHA1", pieces, 2, &keyIn, &macOut, status) == 1 &&
+             Hex(mac, macOut.length) == jefe;
+        ZulVklHmacCtxDestroy(ctx, hmac);
+        ZulVklMdCtxDestroy(ctx, md);
+        ZulVklStatusDestroy(status);
+        return ok;
+    });
+    ZulVklCtxDestroy(ctx);
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(g_errors.load(), 0);
 }
