@@ -30,8 +30,8 @@ struct VKL_EVP_CIPHER_CTX_s {
     void Forget() {
         cipher = nullptr;
         keyGiven = nullptr;
-        OPENSSL_cleanse(key, sizeof key);
-        OPENSSL_cleanse(iv, sizeof iv);
+        OPENSSL_cleanse(key, static_cast<size_t>(keyKept));
+        OPENSSL_cleanse(iv, static_cast<size_t>(ivKept));
         keyKept = 0;
         ivKept = 0;
     }
@@ -68,7 +68,9 @@ int Init(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const VKL_EVP_CIPHER_t* cipher, 
     ctx->encrypt = encrypt;
     // Kept for a later key length change (OpenSSL forgets the key then). It
     // read exactly the context's key length from key and the IV length from
-    // iv, so copying as much is safe.
+    // iv, so copying as much is safe. Only variable-length ciphers can change
+    // it; the others (SNMPv3's, one context per message) skip the copies.
+    if (!chosen->variableKeyLength) return 1;
     if (key != nullptr) {
         ctx->keyGiven = key;
         ctx->keyKept = std::min(EVP_CIPHER_CTX_get_key_length(ctx->ctx.get()), static_cast<int>(sizeof ctx->key));

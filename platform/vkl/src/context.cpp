@@ -48,6 +48,18 @@ std::string CanonicalCipherName(const char* name) {
     return legacy != nullptr ? EVP_CIPHER_get0_name(legacy) : std::string();
 }
 
+// Provider ciphers do not report EVP_CIPH_VARIABLE_LENGTH, so ask: a fixed
+// key length refuses any other.
+bool HasVariableKeyLength(const EVP_CIPHER* cipher, int keyLength) {
+    if (keyLength <= 1) return false;
+    CipherCtxPtr probe(EVP_CIPHER_CTX_new());
+    ERR_set_mark();
+    bool variable = probe && EVP_CipherInit_ex2(probe.get(), cipher, nullptr, nullptr, 1, nullptr) == 1 &&
+                    EVP_CIPHER_CTX_set_key_length(probe.get(), keyLength - 1) == 1;
+    ERR_pop_to_mark();
+    return variable;
+}
+
 template <class Ptr, class Fetch>
 Ptr FetchByName(VKL_t* vkl, const char* name, std::string (*canonical)(const char*), Fetch fetch) {
     // A miss is reported by our own entry naming the algorithm, not by
@@ -99,6 +111,7 @@ const VKL_EVP_CIPHER_s* FetchCipher(VKL_t* vkl, const char* name, const char* fu
             made->keyLength = EVP_CIPHER_get_key_length(cipher.get());
             made->ivLength = EVP_CIPHER_get_iv_length(cipher.get());
             made->blockSize = EVP_CIPHER_get_block_size(cipher.get());
+            made->variableKeyLength = HasVariableKeyLength(cipher.get(), made->keyLength);
             made->cipher = std::move(cipher);
         }
         return made;

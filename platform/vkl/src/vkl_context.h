@@ -29,6 +29,7 @@ struct VKL_EVP_CIPHER_s {
     int keyLength = 0;
     int ivLength = 0;
     int blockSize = 0;
+    bool variableKeyLength = false;
 };
 
 struct VKL_s {
