@@ -49,6 +49,18 @@ bool Usable(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const char* function) {
     return true;
 }
 
+// Back to the empty state; the reset wipes the key schedule and IV inside
+// OpenSSL's context.
+bool Reset(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const char* function) {
+    if (!Usable(vkl, ctx, function)) return false;
+    ctx->Forget();
+    if (EVP_CIPHER_CTX_reset(ctx->ctx.get()) != 1) {
+        QueueErrorIfEmpty(function, "reset failed");
+        return false;
+    }
+    return true;
+}
+
 int Init(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const VKL_EVP_CIPHER_t* cipher, const unsigned char* key,
          const unsigned char* iv, int encrypt, const char* function) {
     if (!Usable(vkl, ctx, function)) return -2;
@@ -137,25 +149,12 @@ VKL_EVP_CIPHER_CTX_t* VKL_EVP_CIPHER_CTX_new(VKL_t* vkl) {
 
 int VKL_EVP_CIPHER_CTX_init(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx) {
     VKL_ENTER(int);
-    if (!vkl::Usable(vkl, ctx, __func__)) return 0;
-    ctx->Forget();
-    if (EVP_CIPHER_CTX_reset(ctx->ctx.get()) != 1) {
-        vkl::QueueErrorIfEmpty(__func__, "reset failed");
-        return 0;
-    }
-    return 1;
+    return vkl::Reset(vkl, ctx, __func__) ? 1 : 0;
 }
 
 int VKL_EVP_CIPHER_CTX_cleanup(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx) {
     VKL_ENTER(int);
-    if (!vkl::Usable(vkl, ctx, __func__)) return 0;
-    ctx->Forget();
-    // The reset wipes the key schedule and IV inside OpenSSL's context.
-    if (EVP_CIPHER_CTX_reset(ctx->ctx.get()) != 1) {
-        vkl::QueueErrorIfEmpty(__func__, "reset failed");
-        return 0;
-    }
-    return 1;
+    return vkl::Reset(vkl, ctx, __func__) ? 1 : 0;
 }
 
 int VKL_EVP_CIPHER_CTX_free(VKL_t*, VKL_EVP_CIPHER_CTX_t* ctx) {
