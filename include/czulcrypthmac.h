@@ -49,7 +49,7 @@ public:
 private:
     bool Rearm();
 
-    [[maybe_unused]] CZulCryptContext& m_rContext;  // kept for layout; the digest context does the work
+    CZulCryptContext& m_rContext;
     CZulCryptMDContext m_MDContext;
     unsigned char* m_pInnerPad;
     unsigned char* m_pOuterPad;

@@ -36,7 +36,7 @@ void Release(unsigned char* buffer, size_t secret) {
 CZulCryptHMAC::CZulCryptHMAC(CZulCryptContext& context, const char* digestName, const unsigned char* key,
                              unsigned int keyLength)
     : m_rContext(context),
-      m_MDContext(context),
+      m_MDContext(m_rContext),
       m_pInnerPad(nullptr),
       m_pOuterPad(nullptr),
       m_PadLength(0),
