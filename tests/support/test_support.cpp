@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include "hex.h"
+
 #include <sstream>
 #include <stdexcept>
 
@@ -112,30 +114,13 @@ std::vector<std::string> TakeQueue(VKL_t* vkl) {
     return texts;
 }
 
-std::string Hex(const unsigned char* data, size_t length) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < length; ++i) {
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 15];
-    }
-    return text;
-}
+std::string Hex(const unsigned char* data, size_t length) { return zulcrypt::ToHex(data, length); }
 
 std::string Hex(const std::vector<unsigned char>& data) { return Hex(data.data(), data.size()); }
 
 std::vector<unsigned char> FromHex(const std::string& hex) {
-    auto nibble = [&](char c) -> int {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-        throw std::invalid_argument("bad hex digit in '" + hex + "'");
-    };
-    if (hex.size() % 2 != 0) throw std::invalid_argument("odd hex length in '" + hex + "'");
     std::vector<unsigned char> bytes;
-    for (size_t i = 0; i < hex.size(); i += 2) {
-        bytes.push_back(static_cast<unsigned char>(nibble(hex[i]) << 4 | nibble(hex[i + 1])));
-    }
+    if (!zulcrypt::FromHex(hex, bytes)) throw std::invalid_argument("bad hex text '" + hex + "'");
     return bytes;
 }
 
