@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include "hex.h"
+
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -42,19 +44,11 @@ Outcome RunCommand(const std::string& command) {
 
 Bytes FromHex(const std::string& hex) {
     Bytes bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes.push_back(static_cast<unsigned char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    EXPECT_TRUE(zulcrypt::FromHex(hex, bytes)) << "bad hex in the output: " << hex;
     return bytes;
 }
 
-std::string Hex(const Bytes& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char byte : bytes) {
-        hex += digits[byte >> 4];
-        hex += digits[byte & 15];
-    }
-    return hex;
-}
+std::string Hex(const Bytes& bytes) { return zulcrypt::ToHex(bytes); }
 
 // "<name> <hex>" lines of the output, by name.
 std::map<std::string, std::string> Values(const std::string& out) {
