@@ -78,30 +78,49 @@ int FailWith(ZulVklStatusWrap& status, VKL_t& vkl, const char* text, int result)
     return 0;
 }
 
-// Fills the 64-byte piece with the password repeated from position start. The first
-// min(length, 64) bytes are the password rotated to start; the rest doubles what is
-// there, which repeats correctly because the copied span is a whole number of passwords.
-void FillKeyPiece(unsigned char* piece, const unsigned char* password, size_t length, size_t start) {
-    size_t filled = std::min(length, kKeyPiece);
-    const size_t head = std::min(length - start, filled);
-    std::memcpy(piece, password + start, head);
-    std::memcpy(piece + head, password, filled - head);
-    while (filled < kKeyPiece) {
-        const size_t copy = std::min(filled, kKeyPiece - filled);
-        std::memcpy(piece + filled, piece, copy);
-        filled += copy;
+// The repeated password as a source of 64-byte pieces. A password of at most 64 bytes is
+// written out end to end for 64 more bytes, so that every piece is one plain stretch of it
+// starting below the password's length; a longer password is its own source, and only a
+// piece that runs over its end takes two stretches.
+class KeyStream {
+public:
+    explicit KeyStream(const ZulVklConstBuffer& password)
+        : m_length(password.length), m_step(kKeyPiece % password.length) {
+        if (m_length <= kKeyPiece) {
+            for (size_t i = 0; i < m_length + kKeyPiece; ++i) m_pattern[i] = password.data[i % m_length];
+            m_source = m_pattern;
+            m_span = m_length + kKeyPiece;
+        } else {
+            m_source = password.data;
+            m_span = m_length;
+        }
     }
-}
+    ~KeyStream() { zul::Cleanse(m_pattern, sizeof m_pattern); }
+    KeyStream(const KeyStream&) = delete;
+    KeyStream& operator=(const KeyStream&) = delete;
 
-// Turns the piece for position p into the piece for p + 64 when the password is at most
-// 64 bytes: the stream repeats every `length` bytes, so the new piece is the old one
-// shifted by 64 mod length, and its tail repeats the bytes `length` before it.
-void NextShortKeyPiece(unsigned char* piece, size_t length) {
-    const size_t shift = kKeyPiece % length;
-    if (shift == 0) return;
-    std::memmove(piece, piece + shift, kKeyPiece - shift);
-    std::memcpy(piece + kKeyPiece - shift, piece + kKeyPiece - shift - length, shift);
-}
+    // Writes the next 64 bytes of the stream into piece.
+    void Next(unsigned char* piece) {
+        if (m_start + kKeyPiece <= m_span) {
+            std::memcpy(piece, m_source + m_start, kKeyPiece);
+        } else {
+            const size_t head = m_span - m_start;
+            std::memcpy(piece, m_source + m_start, head);
+            std::memcpy(piece + head, m_source, kKeyPiece - head);
+        }
+        // 64 mod length, kept to avoid a division a piece.
+        m_start += m_step;
+        if (m_start >= m_length) m_start -= m_length;
+    }
+
+private:
+    const size_t m_length;
+    const size_t m_step;
+    const unsigned char* m_source;
+    size_t m_span;
+    size_t m_start = 0;
+    unsigned char m_pattern[2 * kKeyPiece];
+};
 
 // The localisation work area: key material, wiped before it is released.
 class WorkArea {
@@ -281,19 +300,11 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
         return Report(status, "Incorrect buffer size for %s digest key generation", digest);
     }
     unsigned char piece[kKeyPiece];
-    const size_t length = password.length;
-    size_t start = 0;
-    FillKeyPiece(piece, password.data, length, start);
+    KeyStream stream(password);
     for (unsigned i = 0; i < kKeyPieces; ++i) {
+        stream.Next(piece);
         result = VKL_EVP_DigestUpdate(&vkl, &md, piece, kKeyPiece);
         if (result != 1) break;
-        // Short passwords roll the piece along; longer ones copy at most two stretches.
-        if (length <= kKeyPiece) {
-            NextShortKeyPiece(piece, length);
-        } else {
-            start = (start + kKeyPiece) % length;
-            FillKeyPiece(piece, password.data, length, start);
-        }
     }
     zul::Cleanse(piece, sizeof piece);
     if (result != 1) return FailWith(status, vkl, "key digest update failed ", result);
