@@ -16,6 +16,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* The stand-in is built with hidden symbols; these are its interface. */
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -292,5 +295,7 @@ int VKL_DH_compute_key(VKL_t* vkl, unsigned char* key, const VKL_BIGNUM_t* peer,
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop
 
 #endif /* VKL_H */

@@ -6,6 +6,9 @@
 #ifndef VKL_TESTING_H
 #define VKL_TESTING_H
 
+/* The stand-in is built with hidden symbols; these are its interface. */
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -40,5 +43,7 @@ const char* VKLTest_CallLog(void);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop
 
 #endif /* VKL_TESTING_H */
