@@ -59,6 +59,19 @@ TEST_F(VklPlatformTest, NegativeTimesFailsEveryLaterCallUntilReset) {
     EXPECT_EQ(TakeError(), "") << "reset empties the queue";
 }
 
+// Each test runs in a process of its own, where nothing has called this function yet.
+TEST_F(VklPlatformTest, AFaultArmedBeforeTheFirstCallFiresOnIt) {
+    VKLTest_FailCall("VKL_EVP_MD_block_size", 1, 1, -9);
+    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_MD_block_size"), 0u);
+    const VKL_EVP_MD_t* sha1 = VKL_EVP_get_digestbyname(vkl, "SHA1");
+    ASSERT_NE(sha1, nullptr);
+    std::vector<int> results;
+    for (int i = 0; i < 3; ++i) results.push_back(VKL_EVP_MD_block_size(vkl, sha1));
+    EXPECT_THAT(results, ElementsAre(64, -9, 64));
+    EXPECT_EQ(TakeError(), "VKL_EVP_MD_block_size: injected failure");
+    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_MD_block_size"), 3u);
+}
+
 TEST_F(VklPlatformTest, InjectedPointerResultIsNullAndFunctionDoesNoWork) {
     VKLTest_FailCall("VKL_CTX_new", 0, 1, 1);
     EXPECT_EQ(VKL_CTX_new(), nullptr);

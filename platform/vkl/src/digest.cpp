@@ -75,9 +75,33 @@ bool HaveHash(VKL_t* vkl, const VKL_EVP_MD_CTX_s* ctx, const char* function) {
     return true;
 }
 
-// Every update but a small piece that fits the staging area.
-__attribute__((noinline)) int Update(VKL_t* vkl, VKL_EVP_MD_CTX_s* ctx, const void* data, size_t length,
-                                     const char* function) {
+// Copies a piece into the staging area when it fits with room to spare; false, having
+// done nothing, for anything else.
+inline bool Stage(VKL_t* vkl, VKL_EVP_MD_CTX_s* ctx, const void* data, size_t length) {
+    if (vkl == nullptr || ctx == nullptr || ctx->md == nullptr || data == nullptr ||
+        length >= ctx->capacity - ctx->staged) {
+        return false;
+    }
+    unsigned char* to = ctx->staging + ctx->staged;
+    ctx->staged += length;
+    // A fixed-size copy moves 16 bytes at a time, as the caller most likely stored the
+    // piece; the library copy's one 64-byte load cannot take bytes just stored in
+    // narrower pieces and waits for them to reach the cache.
+    if (length == 64) {
+        std::memcpy(to, data, 64);
+    } else {
+        std::memcpy(to, data, length);
+    }
+    return true;
+}
+
+// An update that Stage did not settle, or whose probe asks for a second look (pass false).
+__attribute__((noinline)) int AttendedUpdate(Probe& probe, bool pass, VKL_t* vkl, VKL_EVP_MD_CTX_s* ctx,
+                                             const void* data, size_t length, const char* function) {
+    if (!pass) {
+        if (probe.Attend()) return Injected<int>(probe);
+        if (Stage(vkl, ctx, data, length)) return 1;
+    }
     if (!HaveHash(vkl, ctx, function)) return -2;
     if (length == 0) return 1;
     if (data == nullptr) {
@@ -177,24 +201,13 @@ int VKL_EVP_DigestInit(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const VKL_EVP_MD_t* md
 }
 
 int VKL_EVP_DigestUpdate(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const void* data, size_t length) {
-    VKL_ENTER_LEN(int, length);
     // Small pieces that fit the staging area are the bulk of calls (SNMPv3 password to key
-    // makes 16,384 of them): they are settled here, everything else in Update.
-    if (vkl == nullptr || ctx == nullptr || ctx->md == nullptr || data == nullptr ||
-        length >= ctx->capacity - ctx->staged) {
-        return vkl::Update(vkl, ctx, data, length, __func__);
-    }
-    unsigned char* to = ctx->staging + ctx->staged;
-    // A fixed-size copy moves 16 bytes at a time, as the caller most likely stored the
-    // piece; the library copy's one 64-byte load cannot take bytes just stored in
-    // narrower pieces and waits for them to reach the cache.
-    if (length == 64) {
-        std::memcpy(to, data, 64);
-    } else {
-        std::memcpy(to, data, length);
-    }
-    ctx->staged += length;
-    return 1;
+    // makes 16,384 of them). They are settled here with no call that needs registers kept;
+    // an armed fault and everything else go to AttendedUpdate.
+    static vkl::Probe vklProbe_{__func__};
+    const bool pass = vklProbe_.Pass(static_cast<long>(length));
+    if (pass && vkl::Stage(vkl, ctx, data, length)) return 1;
+    return vkl::AttendedUpdate(vklProbe_, pass, vkl, ctx, data, length, __func__);
 }
 
 int VKL_EVP_DigestFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* out, unsigned int* outLength) {

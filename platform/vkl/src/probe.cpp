@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 #include <openssl/err.h>
 
@@ -26,7 +27,9 @@ struct ForcedRecord {
 // asks; never on an unarmed call.
 struct Registry {
     std::mutex lock;
-    std::unordered_map<std::string, std::unique_ptr<Probe>> probes;
+    // Names to their probes; the keys keep the names of probes made by Named.
+    std::unordered_map<std::string, Probe*> probes;
+    std::vector<std::unique_ptr<Probe>> made;
     std::unordered_map<std::string, ForcedRecord> forced;
     std::string logText;
 };
@@ -44,26 +47,48 @@ std::atomic<unsigned long> g_logNext{0};
 Probe& Probe::Named(const char* function) {
     Registry& registry = TheRegistry();
     std::lock_guard<std::mutex> guard(registry.lock);
-    auto& slot = registry.probes[function];
-    if (!slot) slot = std::make_unique<Probe>(function);
-    return *slot;
+    auto entry = registry.probes.try_emplace(function, nullptr).first;
+    if (entry->second == nullptr) {
+        registry.made.push_back(std::make_unique<Probe>(entry->first.c_str()));
+        entry->second = registry.made.back().get();
+        entry->second->m_state.store(kQuiet, std::memory_order_relaxed);
+    }
+    return *entry->second;
+}
+
+bool Probe::Attend() {
+    if (m_state.load(std::memory_order_relaxed) == kNew) {
+        Registry& registry = TheRegistry();
+        std::lock_guard<std::mutex> guard(registry.lock);
+        if (m_state.load(std::memory_order_relaxed) == kNew) {
+            Probe*& slot = registry.probes[m_name];
+            // A test may have armed this name before its first call.
+            if (slot != nullptr && slot->m_state.load(std::memory_order_relaxed) == kArmed) {
+                Arm(slot->m_skip, slot->m_times, slot->m_result);
+            } else {
+                m_state.store(kQuiet, std::memory_order_relaxed);
+            }
+            slot = this;
+        }
+    }
+    return m_state.load(std::memory_order_relaxed) == kArmed && Fire();
 }
 
 bool Probe::Fire() {
     {
         std::lock_guard<std::mutex> guard(TheRegistry().lock);
-        if (!m_armed.load(std::memory_order_relaxed)) return false;
+        if (m_state.load(std::memory_order_relaxed) != kArmed) return false;
         if (m_skip > 0) {
             --m_skip;
             return false;
         }
         if (m_times == 0) {
-            m_armed.store(false, std::memory_order_relaxed);
+            m_state.store(kQuiet, std::memory_order_relaxed);
             return false;
         }
-        if (m_times > 0 && --m_times == 0) m_armed.store(false, std::memory_order_relaxed);
+        if (m_times > 0 && --m_times == 0) m_state.store(kQuiet, std::memory_order_relaxed);
     }
-    QueueError(m_name + ": injected failure");
+    QueueError(std::string(m_name) + ": injected failure");
     return true;
 }
 
@@ -71,11 +96,11 @@ void Probe::Arm(unsigned skip, int times, long result) {
     m_skip = skip;
     m_times = times;
     m_result = result;
-    m_armed.store(times != 0, std::memory_order_relaxed);
+    m_state.store(times != 0 ? kArmed : kQuiet, std::memory_order_relaxed);
 }
 
 void Probe::Reset() {
-    m_armed.store(false, std::memory_order_relaxed);
+    m_state.store(kQuiet, std::memory_order_relaxed);
     m_skip = 0;
     m_times = 0;
     m_result = 0;
