@@ -95,7 +95,7 @@ TEST_F(VklHmacTest, VectorsInAnySplitAndAfterEveryKindOfRestart) {
             EXPECT_EQ(Generate(digest, v.Bytes("Key"), v.Bytes("In"), {SIZE_MAX}, result), 0);
             EXPECT_EQ(Msg(), v.Text("Error"));
             EXPECT_EQ(result, "");
-            zultest::TakeQueue(vkl);
+            EXPECT_TRUE(zultest::TakeQueue(vkl).empty()) << "the status record alone tells of the miss";
             continue;
         }
         const Bytes key = v.Bytes("Key"), data = v.Bytes("In");

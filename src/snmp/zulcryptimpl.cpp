@@ -122,6 +122,21 @@ private:
     unsigned char m_pattern[2 * kKeyPiece];
 };
 
+// Lookups by the caller's name. A miss is told in the status record in the library's own
+// words, so VKL's entry for it is taken off VKL's queue: left there, it would be reported
+// as the cause of the next failure that asks VKL for its text.
+const VKL_EVP_MD_t* FindDigest(VKL_t& vkl, const char* name) {
+    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, name);
+    if (type == nullptr) VKL_ERR_get_error(&vkl);
+    return type;
+}
+
+const VKL_EVP_CIPHER_t* FindCipher(VKL_t& vkl, const char* name) {
+    const VKL_EVP_CIPHER_t* type = VKL_EVP_get_cipherbyname(&vkl, name);
+    if (type == nullptr) VKL_ERR_get_error(&vkl);
+    return type;
+}
+
 // The localisation work area: key material, wiped before it is released.
 class WorkArea {
 public:
@@ -141,7 +156,7 @@ private:
 
 const VKL_EVP_CIPHER_t* FindCheckedCipher(VKL_t& vkl, const char* name, const ZulVklConstBuffer& key,
                                           const ZulVklConstBuffer& iv, ZulVklStatusWrap& status) {
-    const VKL_EVP_CIPHER_t* cipher = VKL_EVP_get_cipherbyname(&vkl, name);
+    const VKL_EVP_CIPHER_t* cipher = FindCipher(vkl, name);
     if (cipher == nullptr) {
         Report(status, "Failed to get cipher by name for algorithm: %s\n", name);
         return nullptr;
@@ -292,7 +307,7 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
         status.Set("Currently will not generate a digest with an empty password");
         return 0;
     }
-    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for key generation\n", digest);
     int result = VKL_EVP_DigestInit(&vkl, &md, type);
     if (result != 1) return FailWith(status, vkl, "key digest initialisation failed ", result);
@@ -315,7 +330,7 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
 
 int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, ZulVklConstBuffer& engineId,
                             ZulVklConstBuffer& key, ZulVklBuffer& localisedKey, ZulVklStatusWrap& status) {
-    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for local key generation", digest);
     if (static_cast<long long>(localisedKey.length) != VKL_EVP_MD_size(&vkl, type)) {
         return Report(status, "Incorrect buffer size for %s digest local key generation", digest);
@@ -342,7 +357,7 @@ int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
 
 int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, ZulVklConstBuffer& first,
                           ZulVklConstBuffer& second, ZulVklBuffer& out, ZulVklStatusWrap& status) {
-    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for key change digest", digest);
     int result = VKL_EVP_DigestInit(&vkl, &md, type);
     if (result != 1) return FailWith(status, vkl, "key change digest initialisation failed ", result);
@@ -364,20 +379,20 @@ int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
 }
 
 int ZulVklMdDigestLengthImpl(VKL_t& vkl, const char* digest) {
-    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     return type != nullptr ? VKL_EVP_MD_size(&vkl, type) : 0;
 }
 
 // ---- Privacy ciphers ----
 
 int ZulVklCipherRequiredKeySizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
-    const VKL_EVP_CIPHER_t* type = VKL_EVP_get_cipherbyname(&vkl, cipher);
+    const VKL_EVP_CIPHER_t* type = FindCipher(vkl, cipher);
     if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
     return VKL_EVP_CIPHER_key_length(&vkl, type);
 }
 
 int ZulVklCipherRequiredIvSizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
-    const VKL_EVP_CIPHER_t* type = VKL_EVP_get_cipherbyname(&vkl, cipher);
+    const VKL_EVP_CIPHER_t* type = FindCipher(vkl, cipher);
     if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
     return VKL_EVP_CIPHER_iv_length(&vkl, type);
 }
@@ -458,7 +473,7 @@ int ZulVklCipherDecryptFinaliseImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const
 int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* digest, ZulVklConstBuffer** in,
                                  unsigned int count, ZulVklConstBuffer& key, ZulVklBuffer& out,
                                  ZulVklStatusWrap& status) {
-    const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, digest);
+    const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest", digest);
     if (key.length > INT_MAX) return Report(status, "Key too long for the %s message digest", digest);
     // VKL keeps the keyed state when the key and digest are the ones it holds, so
