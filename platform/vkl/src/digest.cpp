@@ -85,8 +85,8 @@ inline bool Stage(VKL_t* vkl, VKL_EVP_MD_CTX_s* ctx, const void* data, size_t le
     unsigned char* to = ctx->staging + ctx->staged;
     ctx->staged += length;
     // A fixed-size copy moves 16 bytes at a time, as the caller most likely stored the
-    // piece; the library copy's one 64-byte load cannot take bytes just stored in
-    // narrower pieces and waits for them to reach the cache.
+    // piece. The C library's memcpy may read it with one 64-byte load, which cannot take
+    // bytes just stored in narrower pieces and waits for them to reach the cache.
     if (length == 64) {
         std::memcpy(to, data, 64);
     } else {
