@@ -51,12 +51,9 @@ protected:
 
     // Feeds data in pieces of the given sizes (cycling) after an init that has already happened.
     std::string Finish(const Bytes& data, const std::vector<size_t>& pieces = {SIZE_MAX}) {
-        size_t at = 0;
-        for (size_t i = 0; at < data.size(); ++i) {
-            const size_t length = std::min(pieces[i % pieces.size()], data.size() - at);
-            EXPECT_EQ(VKL_HMAC_Update(vkl, raw, data.data() + at, length), 1);
-            at += length;
-        }
+        zultest::InPieces(data, pieces, [&](const unsigned char* piece, size_t length) {
+            EXPECT_EQ(VKL_HMAC_Update(vkl, raw, piece, length), 1);
+        });
         unsigned char out[64];
         unsigned int outLength = 0;
         EXPECT_EQ(VKL_HMAC_Final(vkl, raw, out, &outLength), 1);

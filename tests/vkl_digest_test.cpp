@@ -31,12 +31,9 @@ protected:
         const VKL_EVP_MD_t* md = VKL_EVP_get_digestbyname(vkl, name);
         EXPECT_NE(md, nullptr) << name;
         EXPECT_EQ(VKL_EVP_DigestInit(vkl, ctx, md), 1);
-        size_t at = 0;
-        for (size_t i = 0; at < data.size(); ++i) {
-            size_t length = std::min(pieces[i % pieces.size()], data.size() - at);
-            EXPECT_EQ(VKL_EVP_DigestUpdate(vkl, ctx, data.data() + at, length), 1);
-            at += length;
-        }
+        zultest::InPieces(data, pieces, [&](const unsigned char* piece, size_t length) {
+            EXPECT_EQ(VKL_EVP_DigestUpdate(vkl, ctx, piece, length), 1);
+        });
         unsigned char out[64];
         unsigned int outLength = 0;
         EXPECT_EQ(VKL_EVP_DigestFinal(vkl, ctx, out, &outLength), 1);

@@ -2,6 +2,7 @@
 
 #include "hex.h"
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 
@@ -129,6 +130,16 @@ std::vector<std::string> CallLog() {
     std::istringstream in(VKLTest_CallLog());
     for (std::string line; std::getline(in, line);) names.push_back(line);
     return names;
+}
+
+void InPieces(const std::vector<unsigned char>& data, const std::vector<size_t>& pieces,
+              const std::function<void(const unsigned char*, size_t)>& feed) {
+    size_t at = 0;
+    for (size_t i = 0; at < data.size(); ++i) {
+        const size_t length = std::min(pieces[i % pieces.size()], data.size() - at);
+        feed(data.data() + at, length);
+        at += length;
+    }
 }
 
 }  // namespace zultest

@@ -3,6 +3,7 @@
 #ifndef ZUL_TEST_SUPPORT_H
 #define ZUL_TEST_SUPPORT_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -75,6 +76,11 @@ std::string Hex(const unsigned char* data, size_t length);
 std::string Hex(const std::vector<unsigned char>& data);
 // Throws std::invalid_argument on a malformed hex text.
 std::vector<unsigned char> FromHex(const std::string& hex);
+
+// Hands data to feed in pieces of the given sizes, cycling through them; the last piece
+// takes what is left. A size of SIZE_MAX stands for all that is left.
+void InPieces(const std::vector<unsigned char>& data, const std::vector<size_t>& pieces,
+              const std::function<void(const unsigned char*, size_t)>& feed);
 
 // The VKL call log as a list of names.
 std::vector<std::string> CallLog();
