@@ -10,10 +10,26 @@
 
 namespace zul {
 
-// Reports the oldest entry of VKL's error queue as an error of file:line.
+// Empties VKL's error queue. An entry left there would later be reported as the
+// cause of an unrelated failure, so every failure that is not reported with VKL's
+// text, and every report that took only the oldest entry, drains what is left.
+// The bound only guards against a queue that never empties.
+inline void DrainVklErrors(VKL_t* vkl) {
+    if (vkl == nullptr) return;
+    for (int i = 0; i < 64 && VKL_ERR_get_error(vkl) != 0; ++i) {
+    }
+}
+
+inline void DrainVklErrors(CZulCryptContext& context) {
+    if (C_VKL_CTX_Wrap* wrap = context.GetContext()) DrainVklErrors(wrap->m_pCtx);
+}
+
+// Reports the oldest entry of VKL's error queue as an error of file:line; the
+// entries queued behind it by the same failure go with it.
 inline void ReportVklError(CZulCryptContext& context, const char* file, unsigned int line) {
     std::string text;
     context.GetError(text);
+    DrainVklErrors(context);
     CZulCryptContext::HandleError(file, line, text.c_str(), false);
 }
 
