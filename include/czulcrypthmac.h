@@ -29,7 +29,8 @@ public:
     // Writes the HMAC of dataLength bytes of data into hmac, which must hold GetDigestSize()
     // bytes, and its length into *hmacLength. False, with *hmacLength untouched, for null data
     // or output, an object not set up, a length too large to add the padded key to, or a VKL
-    // failure.
+    // failure; a hash that failed half way is started afresh, so the next call never
+    // hashes what was left of it.
     bool GetHMAC(unsigned char* data, unsigned int dataLength, unsigned char* hmac, unsigned int* hmacLength);
     // The same into a buffer of GetDigestSize() bytes allocated with malloc, stored in *hmac on
     // success; the caller releases it with free. On failure *hmac is left as it was and
@@ -47,6 +48,8 @@ public:
     bool GetStatus();
 
 private:
+    // Hashes input into digest and starts the digest afresh, also when the hash failed.
+    bool Hash(unsigned char* input, uint32_t length, unsigned char* digest, unsigned int* digestLength);
     bool Rearm();
 
     CZulCryptContext& m_rContext;

@@ -28,7 +28,8 @@ public:
     void Initialise();
     // Chooses the digest by name ("SHA1", "SHA256", "RSA-SHA1", ...) and starts a new hash.
     // True on success; false when the policy refuses the name, VKL does not know it or
-    // cannot start it.
+    // cannot start it. After a failure no digest is chosen (sizes -1, type null), even
+    // where VKL only failed to start it, so no size outlives the digest it belonged to.
     bool SetType(const char* name);
     // Hashes length bytes of data. True on success, false when VKL refuses (no digest chosen, null data).
     bool AddData(void* data, unsigned int length);

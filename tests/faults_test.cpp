@@ -118,7 +118,8 @@ TEST_F(FaultsTest, DigestObject) {
     auto sha256 = [](Md& md) { return md.SetType("SHA256"); };
     const std::map<std::string, Operation<Md>> operations = {
         {"New", {nullptr, [](Md& md) { return md.SetType("SHA1"); }}},
-        {"SetType", {nullptr, sha256}},
+        // Over a running SHA-512 hash, so that a size left from it or from the new name shows.
+        {"SetType", {[](Md& md) { return md.SetType("SHA512"); }, sha256}},
         {"AddData", {sha256, [](Md& md) { return md.AddData(data, 8); }}},
         {"GetMessageDigest", {sha256, [](Md& md) { return md.GetMessageDigest(out, &written); }}},
         // A reset whose cleanup fails leaves the object unusable; the next SetType says so.

@@ -141,7 +141,7 @@ TEST_F(HmacTest, RefusedArgumentsWriteNothing) {
 }
 
 // Each step of GetHMAC failing in VKL: reported by the digest context, false,
-// *hmacLength untouched (caller buffer) or 0 (allocated).
+// *hmacLength untouched (caller buffer) or 0 (allocated), and the next call right.
 TEST_F(HmacTest, VklFailuresInsideGetHmac) {
     struct Fault {
         const char* function;
@@ -149,13 +149,14 @@ TEST_F(HmacTest, VklFailuresInsideGetHmac) {
         long result;
         const char* text;
         unsigned long updates;  // hashes attempted before giving up
+        bool recovers;          // a failed hash is started afresh; a failed re-arm leaves no digest
     };
-    for (const Fault& f : {Fault{"VKL_EVP_DigestUpdate", 0, -2, "VKL_EVP_DigestUpdate: injected failure", 1},
-                           Fault{"VKL_EVP_DigestUpdate", 1, -2, "VKL_EVP_DigestUpdate: injected failure", 2},
-                           Fault{"VKL_EVP_DigestFinal", 0, -2, "VKL_EVP_DigestFinal: injected failure", 1},
-                           Fault{"VKL_EVP_DigestFinal", 1, -2, "VKL_EVP_DigestFinal: injected failure", 2},
-                           Fault{"VKL_EVP_DigestInit", 0, -2, "VKL_EVP_DigestInit: injected failure", 1},
-                           Fault{"VKL_EVP_DigestInit", 1, -2, "VKL_EVP_DigestInit: injected failure", 2}}) {
+    for (const Fault& f : {Fault{"VKL_EVP_DigestUpdate", 0, -2, "VKL_EVP_DigestUpdate: injected failure", 1, true},
+                           Fault{"VKL_EVP_DigestUpdate", 1, -2, "VKL_EVP_DigestUpdate: injected failure", 2, true},
+                           Fault{"VKL_EVP_DigestFinal", 0, -2, "VKL_EVP_DigestFinal: injected failure", 1, true},
+                           Fault{"VKL_EVP_DigestFinal", 1, -2, "VKL_EVP_DigestFinal: injected failure", 2, true},
+                           Fault{"VKL_EVP_DigestInit", 0, -2, "VKL_EVP_DigestInit: injected failure", 1, false},
+                           Fault{"VKL_EVP_DigestInit", 1, -2, "VKL_EVP_DigestInit: injected failure", 2, false}}) {
         SCOPED_TRACE(std::string(f.function) + " after " + std::to_string(f.skip));
         for (bool allocating : {false, true}) {
             CZulCryptHMAC hmac(*context, "SHA256", kAbc, 3);
@@ -173,6 +174,9 @@ TEST_F(HmacTest, VklFailuresInsideGetHmac) {
             EXPECT_EQ(diagnostics->ErrorTexts(), Texts{f.text});
             EXPECT_EQ(diagnostics->errors[0].file, "czulcryptmdcontext");
             EXPECT_EQ(VKLTest_CallCount("VKL_EVP_DigestUpdate"), f.updates);
+            // Nothing of the abandoned hash reaches the next call (Python's hmac module).
+            EXPECT_EQ(Mac(hmac, {1, 2, 3}),
+                      f.recovers ? "e43ab5aaa8ec7e8ba2be4b56f60f41d0d06501c567dcc6c1160ee4febbae5495" : "");
         }
     }
 }

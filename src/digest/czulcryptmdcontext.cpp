@@ -75,6 +75,9 @@ bool CZulCryptMDContext::SetType(const char* name) {
         return false;
     }
     if (VKL_EVP_DigestInit(Vkl(), m_pMDCtxWrap->m_pMDCtx, m_pMD->m_pMD) != 1) {
+        // The context may still hold the previous digest's state: sizes taken from the
+        // new descriptor would not match what GetMessageDigest writes.
+        m_pMD->m_pMD = nullptr;
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return false;
     }

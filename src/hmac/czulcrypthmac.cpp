@@ -106,6 +106,13 @@ CZulCryptHMAC::~CZulCryptHMAC() {
     m_pOuterPad = nullptr;
 }
 
+bool CZulCryptHMAC::Hash(unsigned char* input, uint32_t length, unsigned char* digest, unsigned int* digestLength) {
+    if (m_MDContext.AddData(input, length) && m_MDContext.GetMessageDigest(digest, digestLength)) return Rearm();
+    // A hash abandoned half way would otherwise start the next call's input.
+    Rearm();
+    return false;
+}
+
 bool CZulCryptHMAC::Rearm() {
     // The name belongs to VKL and outlives the reset that forgets the digest.
     const char* name = m_MDContext.GetType();
@@ -130,9 +137,7 @@ bool CZulCryptHMAC::GetHMAC(unsigned char* data, unsigned int dataLength, unsign
     if (dataLength != 0) std::memcpy(innerInput + m_PadLength, data, dataLength);
     unsigned char* innerHash = Allocate(static_cast<size_t>(digestSize), true);
     unsigned int innerLength = 0;
-    bool ok = m_MDContext.AddData(innerInput, innerInputLength);
-    if (ok) ok = m_MDContext.GetMessageDigest(innerHash, &innerLength);
-    if (ok) ok = Rearm();
+    bool ok = Hash(innerInput, innerInputLength, innerHash, &innerLength);
     // Only the padded key is secret to this class; the message is the caller's.
     Release(innerInput, m_PadLength);
 
@@ -144,9 +149,7 @@ bool CZulCryptHMAC::GetHMAC(unsigned char* data, unsigned int dataLength, unsign
     Release(innerHash, static_cast<size_t>(digestSize));
 
     unsigned int outerLength = 0;
-    if (ok) ok = m_MDContext.AddData(outerInput, outerInputLength);
-    if (ok) ok = m_MDContext.GetMessageDigest(hmac, &outerLength);
-    if (ok) ok = Rearm();
+    if (ok) ok = Hash(outerInput, outerInputLength, hmac, &outerLength);
     Release(outerInput, outerInputLength);
 
     if (ok) *hmacLength = outerLength;
