@@ -178,7 +178,9 @@ ZULCRYPT_API int ZulVklCipherDecryptFinalise(ZulVklCtxWrap* ctx, ZulVklCipherCtx
 /* ---- Authentication digests ---- */
 
 /* HMAC of the count pieces under key with the named digest, written at out->data (room: the digest's
- * size, ZulVklMdDigestLength); out->length receives the full size. 1 on success, 0 on failure. */
+ * size, ZulVklMdDigestLength); out->length receives the full size. 1 on success, 0 on failure.
+ * Every VKL failure is detected (a MAC past a failed init would be under the handle's previous
+ * key): 0 with VKL's text in the status record, and the output record left as it was. */
 ZULCRYPT_API int ZulVklHmacGenerateDigest(ZulVklCtxWrap* ctx, ZulVklHmacCtxWrap* hmac, const char* digest,
                                           ZulVklConstBuffer** in, unsigned int count, ZulVklConstBuffer* key,
                                           ZulVklBuffer* out, ZulVklStatusWrap* status);

@@ -134,25 +134,34 @@ TEST_F(SnmpTest, SetStoresTextsThatFitAndReportsTheOthers) {
 
 TEST_F(SnmpTest, SetWithVklResultTakesStatusOrErrorOrNothing) {
     VKLTest_SetStatus("VKL_GetStatus", 3, 12, "allocator gone");
-    VKLTest_FailCall("VKL_RAND_bytes", 0, 2, 0);
+    VKLTest_FailCall("VKL_RAND_bytes", 0, -1, 0);
     unsigned char byte;
-    VKL_RAND_bytes(vkl, &byte, 1);
-    VKL_RAND_bytes(vkl, &byte, 1);
+    // Each Set takes the failure's queue entries with it, whatever it writes.
+    auto failure = [&] {
+        VKL_RAND_bytes(vkl, &byte, 1);
+        VKL_RAND_bytes(vkl, &byte, 1);
+    };
     const ZulVklStatusWrap before = *status;
     for (int result : {1, -1, 2, -3}) {
+        failure();
         status->Set(*vkl, result);
         EXPECT_EQ(std::memcmp(&status->status, &before.status, sizeof before.status), 0) << result;
         EXPECT_EQ(std::memcmp(status->errorMsg, before.errorMsg, sizeof before.errorMsg), 0) << result;
         EXPECT_EQ(status->msgLen, before.msgLen);
+        EXPECT_EQ(VKL_ERR_get_error(vkl), 0u) << result;
     }
+    failure();
     status->Set(*vkl, -2);
     EXPECT_EQ(Msg(), "VKL_RAND_bytes: injected failure");
     EXPECT_EQ(Description(), "");
+    failure();
     status->Set(*vkl, 0);
     EXPECT_EQ(Description(), "allocator gone");
     EXPECT_EQ(status->status.major, 3);
+    EXPECT_EQ(VKL_ERR_get_error(vkl), 0u);
     // The text is cut to the room after msgLen.
     status->msgLen = 500;
+    failure();
     status->Set(*vkl, -2);
     EXPECT_EQ(std::string(status->errorMsg + 500), "VKL_RAND_by");
 }

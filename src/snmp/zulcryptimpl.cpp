@@ -20,6 +20,8 @@ constexpr size_t kMsgSize = ZULVKL_ERROR_MSG_SIZE;
 // RFC 3414 A.2: one mebibyte of the repeated password, hashed 64 bytes at a time.
 constexpr size_t kKeyPiece = 64;
 constexpr unsigned kKeyPieces = 16384;
+// The longest digest VKL's HMAC makes (SHA-512).
+constexpr size_t kMaxMac = 64;
 
 const char kOutOfMemory[] = "Probly pointless out of mem message";
 
@@ -127,13 +129,13 @@ private:
 // as the cause of the next failure that asks VKL for its text.
 const VKL_EVP_MD_t* FindDigest(VKL_t& vkl, const char* name) {
     const VKL_EVP_MD_t* type = VKL_EVP_get_digestbyname(&vkl, name);
-    if (type == nullptr) VKL_ERR_get_error(&vkl);
+    if (type == nullptr) zul::DrainVklErrors(&vkl);
     return type;
 }
 
 const VKL_EVP_CIPHER_t* FindCipher(VKL_t& vkl, const char* name) {
     const VKL_EVP_CIPHER_t* type = VKL_EVP_get_cipherbyname(&vkl, name);
-    if (type == nullptr) VKL_ERR_get_error(&vkl);
+    if (type == nullptr) zul::DrainVklErrors(&vkl);
     return type;
 }
 
@@ -230,6 +232,7 @@ void ZulVklStatusWrap::Set(VKL_t& vkl, int result) {
         const unsigned long code = VKL_ERR_get_error(&vkl);
         if (room > 0) VKL_ERR_error_string_n(&vkl, code, errorMsg + msgLen, room);
     }
+    zul::DrainVklErrors(&vkl);
 }
 
 void ZulVklStatusWrap::Set(const char* text) {
@@ -481,18 +484,30 @@ int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* d
     // A null key re-arms VKL's HMAC with the key it holds; an empty key is a key too.
     static const unsigned char kEmptyKey = 0;
     const unsigned char* keyBytes = key.length == 0 ? &kEmptyKey : key.data;
-    VKL_HMAC_Init(&vkl, &hmac, keyBytes, static_cast<int>(key.length), type);
+    // A failed init may leave the handle keyed for the previous caller: nothing may be
+    // computed past it, or the MAC would be under someone else's key.
+    int result = VKL_HMAC_Init(&vkl, &hmac, keyBytes, static_cast<int>(key.length), type);
+    if (result != 1) return FailWith(status, vkl, "HMAC initialisation failed ", result);
     for (unsigned int i = 0; i < count; ++i) {
         if (in[i] == nullptr) {
             status.Set("Invalid buffer passed in for SNMPv3 msg authentication");
             return 0;
         }
-        VKL_HMAC_Update(&vkl, &hmac, in[i]->data, in[i]->length);
+        result = VKL_HMAC_Update(&vkl, &hmac, in[i]->data, in[i]->length);
+        if (result != 1) return FailWith(status, vkl, "HMAC update failed ", result);
+    }
+    // Finished beside the caller's area, so a failure leaves that area as it was.
+    unsigned char mac[kMaxMac];
+    if (VKL_EVP_MD_size(&vkl, type) > static_cast<int>(sizeof mac)) {
+        return Report(status, "The %s message digest is too long for an HMAC", digest);
     }
     unsigned int written = 0;
-    VKL_HMAC_Final(&vkl, &hmac, out.data, &written);
+    result = VKL_HMAC_Final(&vkl, &hmac, mac, &written);
+    if (result != 1) return FailWith(status, vkl, "HMAC finalisation failed ", result);
+    result = VKL_HMAC_Init(&vkl, &hmac, nullptr, 0, nullptr);
+    if (result != 1) return FailWith(status, vkl, "HMAC re-arm failed ", result);
+    std::memcpy(out.data, mac, written);
     out.length = written;
-    VKL_HMAC_Init(&vkl, &hmac, nullptr, 0, nullptr);
     return 1;
 }
 
