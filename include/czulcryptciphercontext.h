@@ -17,7 +17,8 @@ public:
     CZulCryptCipherContext(const CZulCryptCipherContext&) = delete;
     CZulCryptCipherContext& operator=(const CZulCryptCipherContext&) = delete;
 
-    // Makes the VKL cipher context; run by the constructor.
+    // Makes the VKL cipher context; run by the constructor. A second run first releases,
+    // wiped, the context an earlier one made.
     void Initialise();
 
     // Chooses the cipher and keys it for one direction. True when ready; false
@@ -86,6 +87,8 @@ private:
     int CipherSize(const char* name, int (*query)(VKL_t*, const VKL_EVP_CIPHER_t*));
     VKL_t* Vkl();
     void ReleaseIv();
+    // Releases the VKL cipher context (its key schedule wiped by the reset) and its holder.
+    void ReleaseCipherContext();
 
     CZulCryptContext& m_rContext;
     C_VKL_EVP_CIPHER_CTX_Wrap* m_pCipherCtxWrap;

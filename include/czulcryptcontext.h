@@ -62,7 +62,7 @@ public:
     CZulCryptContext(const CZulCryptContext&) = delete;
     CZulCryptContext& operator=(const CZulCryptContext&) = delete;
 
-    // Run by the constructor once; sets the status.
+    // Run by the constructor; sets the status. A second run replaces the holder of the first.
     void Initialise();
     // True when VKL's self-test status is clean; false (reported) otherwise or without VKL context.
     bool SelfTest();

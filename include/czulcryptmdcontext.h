@@ -24,7 +24,8 @@ public:
     CZulCryptMDContext(const CZulCryptMDContext&) = delete;
     CZulCryptMDContext& operator=(const CZulCryptMDContext&) = delete;
 
-    // Run by the constructor: creates the VKL digest context and sets the status.
+    // Run by the constructor: creates the VKL digest context and sets the status. A second
+    // run first releases the context an earlier one made.
     void Initialise();
     // Chooses the digest by name ("SHA1", "SHA256", "RSA-SHA1", ...) and starts a new hash.
     // True on success; false when the policy refuses the name, VKL does not know it or
@@ -52,6 +53,8 @@ public:
 
 private:
     VKL_t* Vkl();
+    // Releases the VKL digest context and its holder.
+    void ReleaseDigestContext();
 
     CZulCryptContext& m_rContext;
     C_VKL_EVP_MD_CTX_Wrap* m_pMDCtxWrap;

@@ -295,6 +295,22 @@ TEST_F(CipherContextTest, FailedReleaseIsReported) {
     EXPECT_EQ(Reports(), Texts{"VKL_EVP_CIPHER_CTX_free: injected failure"});
 }
 
+// A second Initialise on a keyed object releases the first VKL context (the
+// leak checker sees one that is lost) and leaves a fresh, working object.
+TEST_F(CipherContextTest, SecondInitialiseReleasesTheKeyedContext) {
+    ASSERT_TRUE(KeyAes(true));
+    cipher->Initialise();
+    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_CIPHER_CTX_free"), 1u);
+    EXPECT_EQ(cipher->GetType(), nullptr);
+    ASSERT_TRUE(KeyAes(true));
+    Bytes block = zultest::FromHex(kBlock1);
+    unsigned char out[32];
+    int written = 0;
+    ASSERT_TRUE(cipher->EncryptData(block.data(), 16, out, &written));
+    EXPECT_EQ(zultest::Hex(out, static_cast<size_t>(written)), kCipher1);
+    EXPECT_TRUE(Reports().empty());
+}
+
 // Every cipher OpenSSL 3 lists that streams without a tag or a whole-message
 // rule, under a random key and IV, fed in random pieces.
 TEST_F(CipherContextTest, RoundTripUnderEveryListedCipher) {

@@ -62,6 +62,18 @@ TEST_F(ContextTest, NoVklContextForAnyResultButMinusThree) {
     }
 }
 
+// A second Initialise replaces the first holder (the leak checker sees one lost);
+// one that finds no VKL leaves no holder behind for objects to use.
+TEST_F(ContextTest, SecondInitialiseReplacesTheHolder) {
+    CZulCryptContext context;
+    context.Initialise();
+    ASSERT_TRUE(context.GetStatus());
+    WEXTest_SetGetContextResult(0);
+    context.Initialise();
+    EXPECT_FALSE(context.GetStatus());
+    EXPECT_EQ(context.GetContext(), nullptr);
+}
+
 TEST_F(ContextTest, UncleanStatusAtStartKeepsTheHolderAndStops) {
     VKLTest_SetStatus("VKL_GetStatus", 2, 10, "library not initialised");
     CZulCryptContext context;

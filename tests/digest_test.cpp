@@ -173,6 +173,20 @@ TEST_F(DigestTest, FailedReleaseIsReported) {
     EXPECT_EQ(VKL_EVP_MD_CTX_free(context->GetContext()->m_pCtx, raw), 1);
 }
 
+// A second Initialise over a hash in progress releases the first VKL context and
+// starts clean: no digest chosen, and the next hash is right (FIPS 180-2's "abc").
+TEST_F(DigestTest, SecondInitialiseReleasesTheContextInUse) {
+    CZulCryptMDContext md(*context);
+    ASSERT_TRUE(md.SetType("SHA512"));
+    ASSERT_TRUE(md.AddData(const_cast<char*>("x"), 1));
+    md.Initialise();
+    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_MD_CTX_free"), 1u);
+    EXPECT_EQ(md.GetDigestSize(), -1);
+    ASSERT_TRUE(md.SetType("SHA1"));
+    EXPECT_EQ(HashInPieces(md, {'a', 'b', 'c'}, 0), "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_TRUE(diagnostics->errors.empty());
+}
+
 TEST_F(DigestTest, FipsPolicy) {
     WEXTest_SetSystemFips(1);
     CZulCryptMDContext md(*context);

@@ -42,6 +42,15 @@ CZulCryptCipherContext::CZulCryptCipherContext(CZulCryptContext& context)
 CZulCryptCipherContext::~CZulCryptCipherContext() {
     if (m_pCipherCtxWrap != nullptr) {
         CZulCryptContext::HandleDebug("CZulCryptCipherContext::~CZulCryptCipherContext()", 3);
+    }
+    ReleaseCipherContext();
+    delete m_pCipher;
+    m_pCipher = nullptr;
+}
+
+void CZulCryptCipherContext::ReleaseCipherContext() {
+    if (m_pCipherCtxWrap != nullptr) {
+        // The reset wipes the key schedule before the context goes.
         ResetCipher();
         if (m_pCipherCtxWrap->m_pCipherCtx != nullptr &&
             VKL_EVP_CIPHER_CTX_free(Vkl(), m_pCipherCtxWrap->m_pCipherCtx) == 0) {
@@ -50,8 +59,6 @@ CZulCryptCipherContext::~CZulCryptCipherContext() {
     }
     delete m_pCipherCtxWrap;
     m_pCipherCtxWrap = nullptr;
-    delete m_pCipher;
-    m_pCipher = nullptr;
 }
 
 VKL_t* CZulCryptCipherContext::Vkl() { return m_rContext.GetContext()->m_pCtx; }
@@ -59,6 +66,8 @@ VKL_t* CZulCryptCipherContext::Vkl() { return m_rContext.GetContext()->m_pCtx; }
 bool CZulCryptCipherContext::HasCipher() const { return m_pCipher != nullptr && *m_pCipher != nullptr; }
 
 void CZulCryptCipherContext::Initialise() {
+    // A second run replaces what the first made, keyed or not.
+    ReleaseCipherContext();
     m_bStatus = false;
     if (m_rContext.GetContext() == nullptr) return;
     CZulCryptContext::HandleDebug("CZulCryptCipherContext::Initialise()", 3);

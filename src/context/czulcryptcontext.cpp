@@ -87,6 +87,9 @@ CZulCryptContext::~CZulCryptContext() {
 
 void CZulCryptContext::Initialise() {
     HandleDebug("CZulCryptContext::Initialise()\n", 3);
+    // A second run replaces the holder the first made (never the VKL context itself).
+    delete m_pCtxWrap;
+    m_pCtxWrap = nullptr;
     VKL_t* vkl = nullptr;
     long long result = WEXCryptGetContext(&vkl);
     std::string message;

@@ -27,8 +27,14 @@ CZulCryptMDContext::CZulCryptMDContext(CZulCryptContext& context)
 }
 
 CZulCryptMDContext::~CZulCryptMDContext() {
+    if (m_pMDCtxWrap != nullptr) CZulCryptContext::HandleDebug("CZulCryptMDContext::~CZulCryptMDContext()\n", 4);
+    ReleaseDigestContext();
+    delete m_pMD;
+    m_pMD = nullptr;
+}
+
+void CZulCryptMDContext::ReleaseDigestContext() {
     if (m_pMDCtxWrap != nullptr) {
-        CZulCryptContext::HandleDebug("CZulCryptMDContext::~CZulCryptMDContext()\n", 4);
         ResetMessageDigest();
         if (m_pMDCtxWrap->m_pMDCtx != nullptr && VKL_EVP_MD_CTX_free(Vkl(), m_pMDCtxWrap->m_pMDCtx) == 0) {
             ZUL_REPORT_VKL_ERROR(m_rContext);
@@ -36,13 +42,13 @@ CZulCryptMDContext::~CZulCryptMDContext() {
     }
     delete m_pMDCtxWrap;
     m_pMDCtxWrap = nullptr;
-    delete m_pMD;
-    m_pMD = nullptr;
 }
 
 VKL_t* CZulCryptMDContext::Vkl() { return m_rContext.GetContext()->m_pCtx; }
 
 void CZulCryptMDContext::Initialise() {
+    // A second run replaces what the first made, hash in progress or not.
+    ReleaseDigestContext();
     m_bStatus = false;
     if (m_rContext.GetContext() == nullptr || m_rContext.GetContext()->m_pCtx == nullptr) return;
     CZulCryptContext::HandleDebug("CZulCryptMDContext::Initialise()\n", 3);
