@@ -44,8 +44,9 @@ public:
     VKL_RSA_t* m_pRSA;
 };
 
-// What an algorithm name is wanted for, as the FIPS policy sees it.
-enum EZulCryptAlgorithmUsage {
+// What an algorithm name is wanted for, as the FIPS policy sees it. The fixed type makes
+// other values (-1, 4) well defined: the policy treats them as on no list.
+enum EZulCryptAlgorithmUsage : int {
     eZulCryptUsageCipher = 0,
     eZulCryptUsageDigest = 1,
     eZulCryptUsageSignature = 2,
@@ -81,11 +82,13 @@ public:
     static void SetDebugResponseFn(void (*fn)(const char* text, unsigned int level));
     static void SetErrorResponseFn(void (*fn)(const char* file, unsigned int line, const char* text, bool fatal));
     // Trace: to the callback when installed, else to standard output when level <= the log level.
+    // A null text goes to the stream as "(null)" (also a null file below), which keeps it usable.
     static void HandleDebug(const char* text, unsigned int level);
     // Error: to the callback when installed, else "FILE:<file> LINE:<line> DESC:<text>" on standard error;
     // a fatal error then ends the process with exit status -1.
     static void HandleError(const char* file, unsigned int line, const char* text, bool fatal);
-    // Hex dump of length bytes to standard output, 16 to a row; "NULL" for no data.
+    // Hex dump of length bytes to standard output, 16 to a row; "NULL" for no data. The stream's
+    // format flags and fill are the caller's again afterwards.
     static void PrintData(const unsigned char* data, unsigned int length);
 
     // True when the record is clean; otherwise false with the decoded text appended to text.

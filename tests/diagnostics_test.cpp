@@ -110,6 +110,20 @@ TEST_F(DiagnosticsTest, ErrorsGoToStandardErrorWithoutCallback) {
     EXPECT_EQ(GetCapturedStderr(), "FILE:somefile LINE:42 DESC:something broke\n");
 }
 
+// A null file or text must not put the stream into a failed state that would
+// swallow every later report.
+TEST_F(DiagnosticsTest, NullTextsPrintAsNullAndLaterReportsStillShow) {
+    UseStandardStreams();
+    CaptureStderr();
+    CaptureStdout();
+    CZulCryptContext::HandleError(nullptr, 1, nullptr, false);
+    CZulCryptContext::HandleError("f", 2, "after", false);
+    CZulCryptContext::HandleDebug(nullptr, 0);
+    CZulCryptContext::HandleDebug("after", 0);
+    EXPECT_EQ(GetCapturedStdout(), "(null)\nafter\n");
+    EXPECT_EQ(GetCapturedStderr(), "FILE:(null) LINE:1 DESC:(null)\nFILE:f LINE:2 DESC:after\n");
+}
+
 TEST_F(DiagnosticsTest, TracesAreFilteredByLevelWithoutCallback) {
     UseStandardStreams();
     CZulCryptContext::SetLogLevel(3);
@@ -208,6 +222,17 @@ TEST_F(DiagnosticsTest, PrintDataLabelsRowsByNumberAndLeavesStreamDecimal) {
     CaptureStdout();
     std::cout << 255 << std::endl;
     EXPECT_EQ(GetCapturedStdout(), "255\n");
+}
+
+// Flags the application left on the stream neither shift the dump nor are lost.
+TEST_F(DiagnosticsTest, PrintDataKeepsTheCallersStreamFormat) {
+    std::cout << std::left << std::uppercase;
+    const std::string dump = Dump(Counting(17));
+    const std::ios_base::fmtflags after = std::cout.flags();
+    std::cout << std::right << std::nouppercase;
+    EXPECT_EQ(dump, std::string(kHeader) + "00  00 01 02 03 04 05 06 07   08 09 0a 0b 0c 0d 0e 0f \n01  10 \n");
+    EXPECT_EQ(after & (std::ios_base::left | std::ios_base::uppercase | std::ios_base::basefield),
+              std::ios_base::left | std::ios_base::uppercase | std::ios_base::dec);
 }
 
 }  // namespace

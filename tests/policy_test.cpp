@@ -1,5 +1,6 @@
 // FIPS algorithm policy with the host's mode forced both ways.
 #include <string>
+#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -71,6 +72,8 @@ TEST_F(PolicyTest, FipsNamesPassSilentlyOnFipsHosts) {
     EXPECT_TRUE(context.CheckAlgorithmAllowed(eZulCryptUsageSignature, "RSA-SHA1"));
     EXPECT_THAT(diagnostics->errors, IsEmpty());
     EXPECT_FALSE(context.CheckAlgorithmAllowed(eZulCryptUsageCipher, "des-cbc"));
+    // Only a fixed underlying type makes these two values defined (no -fstrict-enums surprise).
+    static_assert(std::is_same_v<std::underlying_type_t<EZulCryptAlgorithmUsage>, int>);
     EXPECT_FALSE(context.CheckAlgorithmAllowed(static_cast<EZulCryptAlgorithmUsage>(4), "SHA1"));
     EXPECT_FALSE(context.CheckAlgorithmAllowed(static_cast<EZulCryptAlgorithmUsage>(-1), "SHA1"));
     EXPECT_THAT(diagnostics->ErrorTexts(), ElementsAre(NonFips("des-cbc"), NonFips("SHA1"), NonFips("SHA1")));

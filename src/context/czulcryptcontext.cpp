@@ -52,6 +52,10 @@ std::string Decimal(int32_t code) {
     return text;
 }
 
+// A null string written to a stream sets its failbit, which silences every later
+// report of the process.
+const char* Printable(const char* text) { return text != nullptr ? text : "(null)"; }
+
 bool IsFipsCipher(const char* name) {
     return std::strncmp(name, "DES", 3) == 0 || std::strncmp(name, "AES", 3) == 0 ||
            std::strcmp(name, "RSA-SHA1-2") == 0;
@@ -164,7 +168,7 @@ void CZulCryptContext::HandleDebug(const char* text, unsigned int level) {
     if (m_DebugResponseFn != nullptr) {
         m_DebugResponseFn(text, level);
     } else if (level <= m_LogLevel) {
-        std::cout << text << std::endl;
+        std::cout << Printable(text) << std::endl;
     }
 }
 
@@ -172,7 +176,7 @@ void CZulCryptContext::HandleError(const char* file, unsigned int line, const ch
     if (m_ErrorResponseFn != nullptr) {
         m_ErrorResponseFn(file, line, text, fatal);
     } else {
-        std::cerr << "FILE:" << file << " LINE:" << line << " DESC:" << text << std::endl;
+        std::cerr << "FILE:" << Printable(file) << " LINE:" << line << " DESC:" << Printable(text) << std::endl;
     }
     if (fatal) std::exit(-1);
 }
@@ -182,7 +186,11 @@ void CZulCryptContext::PrintData(const unsigned char* data, unsigned int length)
         std::cout << "NULL\n";
         return;
     }
-    std::cout << "    00-01-02-03-04-05-06-07___08-09-0A-0B-0C-0D-0E-0F\n00  " << std::hex;
+    // The dump needs right-aligned hex whatever the application left set; it gets its
+    // own flags back afterwards.
+    const std::ios_base::fmtflags flags = std::cout.flags();
+    std::cout.flags(std::ios_base::hex | std::ios_base::right | std::ios_base::skipws);
+    std::cout << "    00-01-02-03-04-05-06-07___08-09-0A-0B-0C-0D-0E-0F\n00  ";
     const char fill = std::cout.fill('0');
     unsigned int row = 0;
     for (unsigned int i = 0; i < length; ++i) {
@@ -195,7 +203,8 @@ void CZulCryptContext::PrintData(const unsigned char* data, unsigned int length)
         }
     }
     std::cout.fill(fill);
-    std::cout << std::flush << std::dec << std::endl;
+    std::cout.flags(flags);
+    std::cout << std::endl;
 }
 
 bool CZulCryptContext::GetStatus(C_VKL_STATUS_Wrap* status, std::string& text) {
