@@ -82,6 +82,7 @@ TEST_F(VklPlatformTest, InjectedPointerResultIsNullAndFunctionDoesNoWork) {
     std::memset(&status, 0x5a, sizeof status);
     EXPECT_EQ(VKL_GetStatus(vkl, &status), 5);
     EXPECT_EQ(status.major, 0x5a5a5a5a) << "the record is not touched";
+    EXPECT_EQ(TakeError(), "VKL_GetStatus: injected failure");
 }
 
 TEST_F(VklPlatformTest, CountsLengthsAndLogSinceReset) {

@@ -76,7 +76,7 @@ void CZulCryptCipherContext::Initialise() {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
     }
-    VKL_EVP_CIPHER_CTX_init(Vkl(), m_pCipherCtxWrap->m_pCipherCtx);
+    zul::DropVklFailure(Vkl(), VKL_EVP_CIPHER_CTX_init(Vkl(), m_pCipherCtxWrap->m_pCipherCtx));
     m_bStatus = true;
 }
 
@@ -210,7 +210,7 @@ void CZulCryptCipherContext::ResetCipher() {
             ZUL_REPORT_VKL_ERROR(m_rContext);
             m_bStatus = false;
         }
-        VKL_EVP_CIPHER_CTX_init(Vkl(), ctx);
+        zul::DropVklFailure(Vkl(), VKL_EVP_CIPHER_CTX_init(Vkl(), ctx));
         delete m_pCipher;
         m_pCipher = nullptr;
     }

@@ -24,6 +24,12 @@ inline void DrainVklErrors(CZulCryptContext& context) {
     if (C_VKL_CTX_Wrap* wrap = context.GetContext()) DrainVklErrors(wrap->m_pCtx);
 }
 
+// For a VKL call whose failure changes nothing this library does (a re-init, a seed, a
+// release that cannot be retried): its entry must not outlive it either.
+inline void DropVklFailure(VKL_t* vkl, int result) {
+    if (result != 1) DrainVklErrors(vkl);
+}
+
 // Reports the oldest entry of VKL's error queue as an error of file:line; the
 // entries queued behind it by the same failure go with it.
 inline void ReportVklError(CZulCryptContext& context, const char* file, unsigned int line) {

@@ -119,7 +119,7 @@ bool CZulCryptContext::SelfTest() {
     if (m_pCtxWrap == nullptr) return false;
     C_VKL_STATUS_Wrap status;
     std::memset(&status, 0, sizeof status);
-    VKL_SelfTest(m_pCtxWrap->m_pCtx, &status);
+    zul::DropVklFailure(m_pCtxWrap->m_pCtx, VKL_SelfTest(m_pCtxWrap->m_pCtx, &status));
     std::string text;
     bool clean = GetStatus(&status, text);
     if (!clean) ZUL_REPORT(text.c_str());
@@ -138,11 +138,11 @@ bool CZulCryptContext::SetRandomSeed() {
     C_VKL_STATUS_Wrap status;
     std::memset(seed, 0, sizeof seed);
     std::memset(&status, 0, sizeof status);
-    VKL_GenerateRandomSeed(m_pCtxWrap->m_pCtx, &status, kSeedLength, seed);
+    zul::DropVklFailure(m_pCtxWrap->m_pCtx, VKL_GenerateRandomSeed(m_pCtxWrap->m_pCtx, &status, kSeedLength, seed));
     std::string text;
     bool clean = GetStatus(&status, text);
     if (clean) {
-        VKL_RAND_seed(m_pCtxWrap->m_pCtx, seed, kSeedLength);
+        zul::DropVklFailure(m_pCtxWrap->m_pCtx, VKL_RAND_seed(m_pCtxWrap->m_pCtx, seed, kSeedLength));
     } else {
         ZUL_REPORT(text.c_str());
     }

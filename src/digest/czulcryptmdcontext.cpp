@@ -58,7 +58,7 @@ void CZulCryptMDContext::Initialise() {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
     }
-    VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx);
+    zul::DropVklFailure(Vkl(), VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx));
     m_bStatus = true;
 }
 
@@ -137,7 +137,7 @@ void CZulCryptMDContext::ResetMessageDigest() {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         m_bStatus = false;
     }
-    VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx);
+    zul::DropVklFailure(Vkl(), VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx));
     delete m_pMD;
     m_pMD = nullptr;
 }

@@ -181,7 +181,7 @@ const VKL_EVP_CIPHER_t* FindCheckedCipher(VKL_t& vkl, const char* name, const Zu
 int CipherInit(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklConstBuffer& key,
                ZulVklConstBuffer& iv, ZulVklStatusWrap& status, bool encrypt) {
     // Whatever the context held from the previous message goes first.
-    VKL_EVP_CIPHER_CTX_init(&vkl, &ctx);
+    zul::DropVklFailure(&vkl, VKL_EVP_CIPHER_CTX_init(&vkl, &ctx));
     const VKL_EVP_CIPHER_t* cipher = FindCheckedCipher(vkl, name, key, iv, status);
     if (cipher == nullptr) return 0;
     if (encrypt) {
@@ -212,6 +212,7 @@ int CipherFinalise(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulV
     }
     out.length = static_cast<uint32_t>(written);
     if (VKL_EVP_CIPHER_CTX_cleanup(&vkl, &ctx) != 1) {
+        zul::DrainVklErrors(&vkl);
         Report(status,
                encrypt ? "Failed to cleanup the cipher context after applying encryption algorithm%s\n"
                        : "Failed to cleanup the cipher context after applying decryption algorithm%s\n",
@@ -278,28 +279,35 @@ VKL_EVP_MD_CTX_t* ZulVklWrapConvert(ZulVklMdCtxWrap* md) { return md != nullptr 
 
 VKL_EVP_MD_CTX_t* ZulVklMdCtxCreateImpl(VKL_t& vkl) {
     VKL_EVP_MD_CTX_t* md = VKL_EVP_MD_CTX_new(&vkl);
-    if (md != nullptr) VKL_EVP_MD_CTX_init(&vkl, md);
+    // A handle that could not be made is told by a null handle alone.
+    if (md == nullptr) zul::DrainVklErrors(&vkl);
+    if (md != nullptr) zul::DropVklFailure(&vkl, VKL_EVP_MD_CTX_init(&vkl, md));
     return md;
 }
 
 void ZulVklMdCtxDestroyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t* md) {
-    if (md != nullptr) VKL_EVP_MD_CTX_free(&vkl, md);
+    if (md != nullptr) zul::DropVklFailure(&vkl, VKL_EVP_MD_CTX_free(&vkl, md));
 }
 
-VKL_HMAC_CTX_t* ZulVklHmacCtxCreateImpl(VKL_t& vkl) { return VKL_HMAC_CTX_new(&vkl); }
+VKL_HMAC_CTX_t* ZulVklHmacCtxCreateImpl(VKL_t& vkl) {
+    VKL_HMAC_CTX_t* hmac = VKL_HMAC_CTX_new(&vkl);
+    if (hmac == nullptr) zul::DrainVklErrors(&vkl);
+    return hmac;
+}
 
 void ZulVklHmacCtxDestroyImpl(VKL_t& vkl, VKL_HMAC_CTX_t* hmac) {
-    if (hmac != nullptr) VKL_HMAC_CTX_free(&vkl, hmac);
+    if (hmac != nullptr) zul::DropVklFailure(&vkl, VKL_HMAC_CTX_free(&vkl, hmac));
 }
 
 VKL_EVP_CIPHER_CTX_t* ZulVklCipherCtxCreateImpl(VKL_t& vkl) {
     VKL_EVP_CIPHER_CTX_t* cipher = VKL_EVP_CIPHER_CTX_new(&vkl);
-    if (cipher != nullptr) VKL_EVP_CIPHER_CTX_init(&vkl, cipher);
+    if (cipher == nullptr) zul::DrainVklErrors(&vkl);
+    if (cipher != nullptr) zul::DropVklFailure(&vkl, VKL_EVP_CIPHER_CTX_init(&vkl, cipher));
     return cipher;
 }
 
 void ZulVklCipherCtxDestroyImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t* cipher) {
-    if (cipher != nullptr) VKL_EVP_CIPHER_CTX_free(&vkl, cipher);
+    if (cipher != nullptr) zul::DropVklFailure(&vkl, VKL_EVP_CIPHER_CTX_free(&vkl, cipher));
 }
 
 // ---- Key derivation ----
