@@ -1,5 +1,7 @@
 // CZulCryptMDContext: the vectors of tests/data/digest.vec (whole, split, after
 // a reset and after a direct restart), then traces, states and every failure.
+#include <algorithm>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -10,6 +12,7 @@
 #include <vkl_testing.h>
 #include <wexcrypt_testing.h>
 
+#include "script.h"
 #include "test_support.h"
 #include "vector_file.h"
 
@@ -78,89 +81,43 @@ TEST_F(DigestTest, Vectors) {
     }
 }
 
-TEST_F(DigestTest, TracesOfALife) {
+// The calls of tests/data/digest_scripts.vec on one digest object.
+zultest::Calls DigestCalls(CZulCryptContext& context) {
+    auto md = std::make_shared<CZulCryptMDContext>(context);
+    // The data a call hashes stays here, so that its address in a trace is known.
+    auto data = std::make_shared<std::vector<unsigned char>>(4096);
     std::ostringstream address;
-    address << static_cast<const void*>(context.get());
-    {
-        CZulCryptMDContext md(*context);
-        EXPECT_EQ(md.GetType(), nullptr);
-        EXPECT_EQ(md.GetDigestSize(), -1);
-        EXPECT_EQ(md.GetDigestBlockSize(), -1);
-        ASSERT_TRUE(md.SetType("RSA-SHA1"));
-        unsigned char abc[] = {'a', 'b', 'c'};
-        ASSERT_TRUE(md.AddData(abc, 3));
-        unsigned char out[20];
-        unsigned int outLength = 0;
-        ASSERT_TRUE(md.GetMessageDigest(out, &outLength));
-        EXPECT_TRUE(md.GetStatus());
-        EXPECT_STREQ(md.GetType(), "SHA1");
-        EXPECT_EQ(md.GetDigestSize(), 20);
-        EXPECT_EQ(md.GetDigestBlockSize(), 64);
-        EXPECT_FALSE(md.AddData(nullptr, 0));
-
-        std::ostringstream data;
-        data << static_cast<void*>(abc);
-        EXPECT_EQ(diagnostics->TracesAt(3), Texts{"CZulCryptMDContext::Initialise()\n"});
-        EXPECT_EQ(diagnostics->TracesAt(4),
-                  (Texts{"CZulCryptMDContext::CZulCryptMDContext(" + address.str() + ")\n",
-                         "CZulCryptMDContext::GetType() returning NULL\n",
-                         "CZulCryptMDContext::GetDigestSize() returning -1\n",
-                         "CZulCryptMDContext::GetBlockSize() returning -1\n",
-                         "CZulCryptMDContext::SetType(RSA-SHA1)\n",
-                         "CZulCryptMDContext::AddData(" + data.str() + ")\n",
-                         "CZulCryptMDContext::GetMessageDigest()\n",
-                         "CZulCryptMDContext::GetStatus() returning TRUE)\n",
-                         "CZulCryptMDContext::GetType() returning SHA1\n",
-                         "CZulCryptMDContext::GetDigestSize() returning 20\n",
-                         "CZulCryptMDContext::GetBlockSize() returning 64\n",
-                         "CZulCryptMDContext::AddData(NULL)\n", "CZulCryptContext::GetError()\n"}));
-        // A finished hash takes no more data until SetType starts another.
-        EXPECT_EQ(diagnostics->ErrorTexts(), Texts{"VKL_EVP_DigestUpdate: no digest in progress"});
-        EXPECT_EQ(diagnostics->errors[0].file, "czulcryptmdcontext");
-        diagnostics->Clear();
-    }
-    EXPECT_EQ(diagnostics->TracesAt(4), (Texts{"CZulCryptMDContext::~CZulCryptMDContext()\n",
-                                               "CZulCryptMDContext::ResetMessageDigest()\n"}));
-    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_MD_CTX_free"), 1u);
+    address << static_cast<void*>(data->data());
+    zultest::Vars()["$data"] = address.str();
+    using zultest::Args;
+    return {
+        {"SetType", [=](const Args& a) { return zultest::Ok(md->SetType(a[0].IsNull() ? nullptr : a[0].Text().c_str())); }},
+        {"AddData",
+         [=](const Args& a) {
+             if (a[0].IsNull()) return zultest::Ok(md->AddData(nullptr, 0));
+             const auto bytes = a[0].Bytes();
+             std::copy(bytes.begin(), bytes.end(), data->begin());
+             return zultest::Ok(md->AddData(data->data(), static_cast<unsigned int>(bytes.size())));
+         }},
+        // Final [- for a null buffer] [- for a null length]
+        {"Final",
+         [=](const Args& a) {
+             unsigned char out[64];
+             unsigned int length = 0;
+             const bool ok = md->GetMessageDigest(a.size() > 0 && a[0].IsNull() ? nullptr : out,
+                                                  a.size() > 1 && a[1].IsNull() ? nullptr : &length);
+             return zultest::Bytes(ok, out, length);
+         }},
+        {"Reset", [=](const Args&) { md->ResetMessageDigest(); return zultest::Ok(true); }},
+        {"Initialise", [=](const Args&) { md->Initialise(); return zultest::Ok(true); }},
+        {"Type", [=](const Args&) { return zultest::Text(md->GetType()); }},
+        {"Size", [=](const Args&) { return zultest::Number(md->GetDigestSize()); }},
+        {"Block", [=](const Args&) { return zultest::Number(md->GetDigestBlockSize()); }},
+        {"Status", [=](const Args&) { return zultest::Ok(md->GetStatus()); }},
+    };
 }
 
-TEST_F(DigestTest, WithoutVklContextEveryOperationRefuses) {
-    WEXTest_SetGetContextResult(0);
-    CZulCryptContext none;
-    ASSERT_EQ(none.GetContext(), nullptr);
-    diagnostics->Clear();
-    {
-        CZulCryptMDContext md(none);
-        EXPECT_FALSE(md.GetStatus());
-        EXPECT_FALSE(md.SetType(nullptr));  // the policy refuses a null name first, silently
-        EXPECT_FALSE(md.SetType("SHA1"));
-        unsigned char out[20];
-        unsigned int outLength = 0;
-        EXPECT_FALSE(md.AddData(out, 1));
-        EXPECT_FALSE(md.GetMessageDigest(out, &outLength));
-        md.ResetMessageDigest();
-        EXPECT_EQ(diagnostics->ErrorTexts(), Texts(3, "VKL Context in an invalid state"));
-        EXPECT_TRUE(diagnostics->TracesAt(3).empty());
-        diagnostics->Clear();
-    }
-    EXPECT_TRUE(diagnostics->TracesAt(4).empty()) << "no destructor trace without a digest context";
-    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_MD_CTX_new"), 0u);
-}
-
-TEST_F(DigestTest, RefusedBufferDoesNotFinishTheHash) {
-    CZulCryptMDContext md(*context);
-    ASSERT_TRUE(md.SetType("SHA1"));
-    unsigned char abc[] = {'a', 'b', 'c'};
-    ASSERT_TRUE(md.AddData(abc, 3));
-    unsigned char out[20];
-    unsigned int outLength = 0;
-    EXPECT_FALSE(md.GetMessageDigest(nullptr, &outLength));
-    EXPECT_FALSE(md.GetMessageDigest(out, nullptr));
-    EXPECT_EQ(diagnostics->TakeErrors("czulcryptmdcontext"),
-              Texts(2, "Provided message digest buffer is invalid"));
-    ASSERT_TRUE(md.GetMessageDigest(out, &outLength));
-    EXPECT_EQ(zultest::Hex(out, outLength), "a9993e364706816aba3e25717850c26c9cd0d89d");
-}
+TEST_F(DigestTest, Scripts) { zultest::RunScripts("digest_scripts.vec", DigestCalls); }
 
 TEST_F(DigestTest, FailedReleaseIsReported) {
     auto* md = new CZulCryptMDContext(*context);
@@ -171,41 +128,6 @@ TEST_F(DigestTest, FailedReleaseIsReported) {
     delete md;
     EXPECT_EQ(diagnostics->ErrorTexts(), Texts{"VKL_EVP_MD_CTX_free: injected failure"});
     EXPECT_EQ(VKL_EVP_MD_CTX_free(context->GetContext()->m_pCtx, raw), 1);
-}
-
-// A second Initialise over a hash in progress releases the first VKL context and
-// starts clean: no digest chosen, and the next hash is right (FIPS 180-2's "abc").
-TEST_F(DigestTest, SecondInitialiseReleasesTheContextInUse) {
-    CZulCryptMDContext md(*context);
-    ASSERT_TRUE(md.SetType("SHA512"));
-    ASSERT_TRUE(md.AddData(const_cast<char*>("x"), 1));
-    md.Initialise();
-    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_MD_CTX_free"), 1u);
-    EXPECT_EQ(md.GetDigestSize(), -1);
-    ASSERT_TRUE(md.SetType("SHA1"));
-    EXPECT_EQ(HashInPieces(md, {'a', 'b', 'c'}, 0), "a9993e364706816aba3e25717850c26c9cd0d89d");
-    EXPECT_TRUE(diagnostics->errors.empty());
-}
-
-TEST_F(DigestTest, FipsPolicy) {
-    WEXTest_SetSystemFips(1);
-    CZulCryptMDContext md(*context);
-    EXPECT_TRUE(md.SetType("SHA1"));
-    EXPECT_TRUE(diagnostics->errors.empty());
-
-    EXPECT_TRUE(md.SetType("SHA256"));
-    ASSERT_EQ(diagnostics->errors.size(), 1u);
-    EXPECT_EQ(diagnostics->errors[0].file, "czulcryptcontext");
-    EXPECT_EQ(diagnostics->errors[0].text, "Non FIPS algorithm SHA256 called in a FIPS context.\n");
-    EXPECT_STREQ(md.GetType(), "SHA256");
-
-    context->SetIsNonFIPSAllowedInFIPS(false);
-    diagnostics->Clear();
-    const unsigned long inits = VKLTest_CallCount("VKL_EVP_DigestInit");
-    EXPECT_FALSE(md.SetType("MD5"));
-    EXPECT_EQ(diagnostics->ErrorTexts(), Texts{"Non FIPS algorithm MD5 called in a FIPS context.\n"});
-    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_DigestInit"), inits) << "a refused name does not touch the digest";
-    EXPECT_STREQ(md.GetType(), "SHA256");
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <czulcryptciphercontext.h>
-#include <czulcryptmdcontext.h>
 #include <vkl_testing.h>
 
 #include "test_support.h"
@@ -109,29 +108,6 @@ TEST_F(FaultsTest, CipherObject) {
         {"ResetCipher", {encrypting, encrypting}},
     };
     RunRows<Cipher>("cipher_faults.vec", operations, [](Cipher& c) { return c.GetKeySize(); });
-}
-
-TEST_F(FaultsTest, DigestObject) {
-    using Md = CZulCryptMDContext;
-    static unsigned char data[8], out[64];
-    static unsigned int written;
-    auto sha256 = [](Md& md) { return md.SetType("SHA256"); };
-    const std::map<std::string, Operation<Md>> operations = {
-        {"New", {nullptr, [](Md& md) { return md.SetType("SHA1"); }}},
-        // Over a running SHA-512 hash, so that a size left from it or from the new name shows.
-        {"SetType", {[](Md& md) { return md.SetType("SHA512"); }, sha256}},
-        {"AddData", {sha256, [](Md& md) { return md.AddData(data, 8); }}},
-        {"GetMessageDigest", {sha256, [](Md& md) { return md.GetMessageDigest(out, &written); }}},
-        // A reset whose cleanup fails leaves the object unusable; the next SetType says so.
-        {"ResetThenSetType",
-         {sha256,
-          [](Md& md) {
-              md.ResetMessageDigest();
-              EXPECT_EQ(md.GetType(), nullptr);
-              return md.SetType("MD5");
-          }}},
-    };
-    RunRows<Md>("digest_faults.vec", operations, [](Md& md) { return md.GetDigestSize(); });
 }
 
 }  // namespace

@@ -78,6 +78,8 @@ std::vector<VectorCase> ReadVectors(const std::string& name) {
             current.where = name + ":" + std::to_string(lineNumber);
         }
         current.fields[key] = value;
+        current.lines.emplace_back(key, value);
+        current.lineNumbers.push_back(lineNumber);
     }
     flush();
     return cases;

@@ -18,6 +18,9 @@ class VectorCase {
 public:
     int line = 0;  // where the case starts, for failure messages
     std::map<std::string, std::string> fields;
+    // Every line of the case in file order, repeated names included (not the headers).
+    std::vector<std::pair<std::string, std::string>> lines;
+    std::vector<int> lineNumbers;
 
     bool Has(const std::string& name) const { return fields.count(name) != 0; }
     // The value as bytes: hex decoded, or a quoted text's characters.
