@@ -10,6 +10,7 @@
 class ZULCRYPT_API CZulCryptBigNum {
 public:
     // The context is used only for VKL calls (conversions, random fill); it must outlive the number.
+    // On a context without VKL those calls are refused ("VKL Context in an invalid state"), value unchanged.
     explicit CZulCryptBigNum(CZulCryptContext& context);
     virtual ~CZulCryptBigNum();
 

@@ -49,6 +49,7 @@ private:
         const VKL_EVP_MD_t* m_pDigest;
     };
 
+    // Null on a context without VKL.
     VKL_t* Vkl();
     // True when signing or verifying may go ahead; reports why not otherwise.
     bool Ready();

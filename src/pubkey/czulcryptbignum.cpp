@@ -7,6 +7,7 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptbignum";
 
@@ -46,7 +47,8 @@ bool CZulCryptBigNum::Allocate(unsigned int length) {
 
 bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
     if (number == nullptr || number->m_pBigNum == nullptr) return false;
-    VKL_t* vkl = m_rContext.GetContext()->m_pCtx;
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return false;
     const int bits = VKL_BN_num_bits(vkl, number->m_pBigNum);
     if (!Allocate((static_cast<unsigned int>(bits) + 7) / 8)) return false;
     const int written = VKL_BN_bn2bin(vkl, number->m_pBigNum, m_pBigNumPacket);
@@ -79,22 +81,26 @@ const unsigned char* CZulCryptBigNum::GetBigNumPacket() const { return m_pBigNum
 
 C_VKL_BIGNUM_Wrap* CZulCryptBigNum::BuildNumber() const {
     if (m_uLen == 0) return nullptr;
-    VKL_t* vkl = m_rContext.GetContext()->m_pCtx;
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return nullptr;
     return new C_VKL_BIGNUM_Wrap(VKL_BN_bin2bn(vkl, m_pBigNumPacket, static_cast<int>(m_uLen), nullptr));
 }
 
 bool CZulCryptBigNum::PopulateNumber(C_VKL_BIGNUM_Wrap* number) const {
     // A holder of null would make VKL create a number that nobody owns.
     if (number == nullptr || number->m_pBigNum == nullptr) return false;
-    VKL_t* vkl = m_rContext.GetContext()->m_pCtx;
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return false;
     (void)VKL_BN_bin2bn(vkl, m_pBigNumPacket, static_cast<int>(m_uLen), number->m_pBigNum);
     return true;
 }
 
 void CZulCryptBigNum::PopulateRandom(unsigned int bits) {
     if (bits == 0) return;
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return;
     if (!Allocate((bits + 7) / 8)) return;
-    if (VKL_RAND_bytes(m_rContext.GetContext()->m_pCtx, m_pBigNumPacket, static_cast<int>(m_uLen)) != 1) {
+    if (VKL_RAND_bytes(vkl, m_pBigNumPacket, static_cast<int>(m_uLen)) != 1) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
     }
 }

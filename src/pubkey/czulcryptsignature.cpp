@@ -6,6 +6,7 @@
 #include <czulcryptrsakey.h>
 
 #include "../common/report.h"
+#include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptsignature";
 
@@ -49,22 +50,22 @@ CZulCryptSignature::~CZulCryptSignature() {
     m_pExponent = nullptr;
 }
 
-VKL_t* CZulCryptSignature::Vkl() { return m_rContext.GetContext()->m_pCtx; }
+VKL_t* CZulCryptSignature::Vkl() { return zul::VklOf(m_rContext); }
 
 void CZulCryptSignature::Initialise() {
     // A second run must not lose the digest context it already has.
     if (m_pMDCtxWrap != nullptr && m_pMDCtxWrap->m_pMDCtx != nullptr) return;
     m_bStatus = false;
-    C_VKL_CTX_Wrap* holder = m_rContext.GetContext();
-    if (holder == nullptr || holder->m_pCtx == nullptr) return;
+    VKL_t* vkl = Vkl();
+    if (vkl == nullptr) return;
     Trace("CZulCryptSignature::Initialise()\n", 3);
     delete m_pMDCtxWrap;
-    m_pMDCtxWrap = new C_VKL_EVP_MD_CTX_Wrap(VKL_EVP_MD_CTX_new(holder->m_pCtx));
+    m_pMDCtxWrap = new C_VKL_EVP_MD_CTX_Wrap(VKL_EVP_MD_CTX_new(vkl));
     if (m_pMDCtxWrap->m_pMDCtx == nullptr) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
     }
-    (void)VKL_EVP_MD_CTX_init(holder->m_pCtx, m_pMDCtxWrap->m_pMDCtx);
+    (void)VKL_EVP_MD_CTX_init(vkl, m_pMDCtxWrap->m_pMDCtx);
     m_bStatus = true;
 }
 
