@@ -151,6 +151,18 @@ TEST_F(BigNumTest, ShortVklWriteIsReported) {
     VKL_BN_free(vkl, bn);
 }
 
+// Allocate and copy first, then release: the source may be the held bytes.
+TEST_F(BigNumTest, CopyingOntoItself) {
+    CZulCryptBigNum number(*context);
+    const unsigned char bytes[] = {0x00, 0x10, 0xAB, 0xCD};
+    ASSERT_TRUE(number.SetNumber(4, bytes));
+    EXPECT_TRUE(number.SetNumber(number.GetLen(), number.GetBigNumPacket()));
+    EXPECT_EQ(Held(number), "0010abcd");
+    // Read as a packet: 16 bits, then AB CD.
+    EXPECT_TRUE(number.SetNumber(number.GetBigNumPacket()));
+    EXPECT_EQ(Held(number), "abcd");
+}
+
 TEST_F(BigNumTest, PopulateRandomSizesAndFailure) {
     CZulCryptBigNum number(*context);
     number.PopulateRandom(12);

@@ -33,14 +33,22 @@ void CZulCryptBigNum::Release() {
     m_uLen = 0;
 }
 
-bool CZulCryptBigNum::Allocate(unsigned int length) {
+bool CZulCryptBigNum::Allocate(unsigned int length, const unsigned char* source) {
+    unsigned char* bytes = new (std::nothrow) unsigned char[length];
+    if (bytes != nullptr) {
+        if (source != nullptr) {
+            std::memcpy(bytes, source, length);
+        } else {
+            std::memset(bytes, 0, length);
+        }
+    }
+    // Only now: the source may be the bytes held so far.
     Release();
-    m_pBigNumPacket = new (std::nothrow) unsigned char[length];
-    if (m_pBigNumPacket == nullptr) {
+    if (bytes == nullptr) {
         ZUL_REPORT("Insufficient memory");
         return false;
     }
-    std::memset(m_pBigNumPacket, 0, length);
+    m_pBigNumPacket = bytes;
     m_uLen = length;
     return true;
 }
@@ -50,7 +58,7 @@ bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
     VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
     if (vkl == nullptr) return false;
     const int bits = VKL_BN_num_bits(vkl, number->m_pBigNum);
-    if (!Allocate((static_cast<unsigned int>(bits) + 7) / 8)) return false;
+    if (!Allocate((static_cast<unsigned int>(bits) + 7) / 8, nullptr)) return false;
     const int written = VKL_BN_bn2bin(vkl, number->m_pBigNum, m_pBigNumPacket);
     if (written < 0 || static_cast<unsigned int>(written) != m_uLen) {
         ZUL_REPORT("Failed to create big num");
@@ -61,18 +69,14 @@ bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
 
 bool CZulCryptBigNum::SetNumber(unsigned int length, const unsigned char* bytes) {
     if (bytes == nullptr || length == 0) return false;
-    if (!Allocate(length)) return false;
-    std::memcpy(m_pBigNumPacket, bytes, length);
-    return true;
+    return Allocate(length, bytes);
 }
 
 bool CZulCryptBigNum::SetNumber(const unsigned char* packet) {
     if (packet == nullptr) return false;
     // Two single bytes: the prefix may sit at any alignment.
     const unsigned int bits = (static_cast<unsigned int>(packet[0]) << 8) | packet[1];
-    if (!Allocate((bits + 7) / 8)) return false;
-    std::memcpy(m_pBigNumPacket, packet + 2, m_uLen);
-    return true;
+    return Allocate((bits + 7) / 8, packet + 2);
 }
 
 unsigned int CZulCryptBigNum::GetLen() const { return m_uLen; }
@@ -99,7 +103,7 @@ void CZulCryptBigNum::PopulateRandom(unsigned int bits) {
     if (bits == 0) return;
     VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
     if (vkl == nullptr) return;
-    if (!Allocate((bits + 7) / 8)) return;
+    if (!Allocate((bits + 7) / 8, nullptr)) return;
     if (VKL_RAND_bytes(vkl, m_pBigNumPacket, static_cast<int>(m_uLen)) != 1) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
     }
