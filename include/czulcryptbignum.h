@@ -18,7 +18,8 @@ public:
     CZulCryptBigNum& operator=(const CZulCryptBigNum&) = delete;
 
     // Copies the magnitude of a VKL number. False for a null holder or number (value unchanged),
-    // or when VKL wrote another count than its bit length promised ("Failed to create big num").
+    // or when VKL wrote another count than its bit length promised ("Failed to create big num";
+    // the value then holds only as many of the written bytes as the bit length promised).
     bool SetNumber(const C_VKL_BIGNUM_Wrap* number);
     // Copies length raw bytes, which may be this number's own. False, value unchanged, for null
     // bytes or a length of 0.

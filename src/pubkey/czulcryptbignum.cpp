@@ -11,6 +11,9 @@
 
 static constexpr char kZulFile[] = "czulcryptbignum";
 
+// 65535 bits, the most a packet's bit count can state.
+static constexpr unsigned int kScratchBytes = 8192;
+
 CZulCryptBigNum::CZulCryptBigNum(CZulCryptContext& context)
     : m_rContext(context), m_pBigNumPacket(nullptr), m_uLen(0) {
     std::ostringstream trace;
@@ -57,10 +60,24 @@ bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
     if (number == nullptr || number->m_pBigNum == nullptr) return false;
     VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
     if (vkl == nullptr) return false;
-    const int bits = VKL_BN_num_bits(vkl, number->m_pBigNum);
-    if (!Allocate((static_cast<unsigned int>(bits) + 7) / 8, nullptr)) return false;
-    const int written = VKL_BN_bn2bin(vkl, number->m_pBigNum, m_pBigNumPacket);
-    if (written < 0 || static_cast<unsigned int>(written) != m_uLen) {
+    const unsigned int length = (static_cast<unsigned int>(VKL_BN_num_bits(vkl, number->m_pBigNum)) + 7) / 8;
+    // VKL writes as many bytes as the number has, whatever its bit count said. Written into
+    // room for the largest number a packet can carry (larger than any RSA or DH number),
+    // a count that says too little cannot make it write past the end.
+    const unsigned int room = length > kScratchBytes ? length : kScratchBytes;
+    unsigned char* scratch = new (std::nothrow) unsigned char[room]();
+    if (scratch == nullptr) {
+        Release();
+        ZUL_REPORT("Insufficient memory");
+        return false;
+    }
+    const int written = VKL_BN_bn2bin(vkl, number->m_pBigNum, scratch);
+    const bool copied = Allocate(length, scratch);
+    zul::Cleanse(scratch, room);
+    delete[] scratch;
+    if (!copied) return false;
+    if (written < 0 || static_cast<unsigned int>(written) != length) {
+        zul::DrainVklErrors(vkl);
         ZUL_REPORT("Failed to create big num");
         return false;
     }
