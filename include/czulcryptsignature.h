@@ -36,6 +36,7 @@ public:
 
     // Signs dataLength bytes with (n, d) into signature (GetSignatureSize() bytes of room) and
     // stores its length. False, reported, on any failure; *signatureLength is then not written.
+    // Both operations refuse (reported) a modulus or exponent that is missing or zero.
     bool GetSignature(void* data, unsigned int dataLength, unsigned char* signature, unsigned int* signatureLength);
     // As above into a buffer of GetSignatureSize() bytes from new[], the caller's to delete[].
     // On failure *signature is null and *signatureLength 0.

@@ -21,6 +21,16 @@ std::string Pointer(const void* pointer) {
 
 void Trace(const std::string& text, unsigned int level) { CZulCryptContext::HandleDebug(text.c_str(), level); }
 
+// Missing, empty or all zero bytes. With a zero exponent RSA "signs" anything as 00...01.
+bool IsZero(const CZulCryptBigNum* number) {
+    if (number == nullptr) return true;
+    const unsigned char* bytes = number->GetBigNumPacket();
+    for (unsigned int i = 0; i < number->GetLen(); ++i) {
+        if (bytes[i] != 0) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 CZulCryptSignature::CZulCryptSignature(CZulCryptContext& context)
@@ -148,6 +158,10 @@ bool CZulCryptSignature::Ready() {
     }
     if (m_pMD == nullptr || m_pMD->m_pDigest == nullptr) {
         ZUL_REPORT("No message digest chosen: SetHashAndKey has not succeeded since construction or reset");
+        return false;
+    }
+    if (IsZero(m_pModulus) || IsZero(m_pExponent)) {
+        ZUL_REPORT("No usable RSA key: the modulus or the exponent is missing or zero");
         return false;
     }
     return true;
