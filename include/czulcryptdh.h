@@ -53,7 +53,7 @@ public:
     // The last computed secret, still owned by the object and replaced by the next computation;
     // null before the first. length is set to GetSize().
     unsigned char* GetSharedSecret(int& length);
-    // The prime's size in bytes: 0 (VKL's error queued) without a group, -1 without a DH record.
+    // The prime's size in bytes: 0 without a group, -1 without a DH record.
     int GetSize();
     // True while the object is usable.
     bool GetStatus();

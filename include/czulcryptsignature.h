@@ -52,6 +52,8 @@ private:
 
     // Null on a context without VKL.
     VKL_t* Vkl();
+    // VKL_EVP_MD_CTX_init of the digest context, whose failure is ignored.
+    void InitDigestContext();
     // True when signing or verifying may go ahead; reports why not otherwise.
     bool Ready();
     // Signs or verifies with a key record built from the stored numbers.

@@ -162,7 +162,8 @@ CZulCryptBigNum* CZulCryptDH::GetPublicKey() {
 
 void CZulCryptDH::ComputeSharedSecret(CZulCryptBigNum* peerPublicKey) {
     if (m_pDHWrap->m_pDH == nullptr || !m_bStatus || peerPublicKey == nullptr) return;
-    const int size = GetSize();
+    // Not GetSize: a failure here is reported with the entry VKL queued for it.
+    const int size = VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
     if (size < 1) {
         m_bStatus = false;
         ZUL_REPORT_VKL_ERROR(m_rContext);
@@ -201,7 +202,10 @@ unsigned char* CZulCryptDH::GetSharedSecret(int& length) {
 
 int CZulCryptDH::GetSize() {
     if (m_pDHWrap->m_pDH == nullptr) return -1;
-    return VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
+    const int size = VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
+    // A question, not a failure: nothing it queued may be blamed for a later one.
+    if (size < 1) zul::DrainVklErrors(Vkl());
+    return size;
 }
 
 bool CZulCryptDH::GetStatus() {

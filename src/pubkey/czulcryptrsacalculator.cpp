@@ -50,6 +50,11 @@ int CZulCryptRSACalculator::Run(Operation operation, const unsigned char* from, 
     const int length = fromLength > static_cast<unsigned int>(INT_MAX) ? -1 : static_cast<int>(fromLength);
     const int result = operation(vkl, length, from, to, record, VKL_RSA_PKCS1_PADDING);
     VKL_RSA_free(vkl, record);
-    if (result == -1) ZUL_REPORT_VKL_ERROR(m_rContext);
+    if (result == -1) {
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+    } else if (result < 0) {
+        // Returned as it is, unreported: what VKL queued for it goes now.
+        zul::DrainVklErrors(vkl);
+    }
     return result;
 }

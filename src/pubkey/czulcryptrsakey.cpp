@@ -54,6 +54,7 @@ void CZulCryptRSAKey::GenerateKey(int bits, unsigned long publicExponent) {
     }
     std::string text = "Exceeded max attempts to produce RSAKey: ";
     m_rContext.GetError(text);
+    zul::DrainVklErrors(vkl);
     ZUL_REPORT(text.c_str());
 }
 

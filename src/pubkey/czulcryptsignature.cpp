@@ -75,7 +75,7 @@ void CZulCryptSignature::Initialise() {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
     }
-    (void)VKL_EVP_MD_CTX_init(vkl, m_pMDCtxWrap->m_pMDCtx);
+    InitDigestContext();
     m_bStatus = true;
 }
 
@@ -107,6 +107,7 @@ const char* CZulCryptSignature::GetType() {
     const char* name = nullptr;
     if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) {
         name = VKL_OBJ_nid2sn(Vkl(), VKL_EVP_MD_type(Vkl(), m_pMD->m_pDigest));
+        if (name == nullptr) zul::DrainVklErrors(Vkl());
     }
     Trace(std::string("CZulCryptSignature::GetType() returning ") + (name != nullptr ? name : "NULL") + "\n", 4);
     return name;
@@ -114,7 +115,10 @@ const char* CZulCryptSignature::GetType() {
 
 int CZulCryptSignature::GetDigestSize() {
     int size = -1;
-    if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) size = VKL_EVP_MD_size(Vkl(), m_pMD->m_pDigest);
+    if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) {
+        size = VKL_EVP_MD_size(Vkl(), m_pMD->m_pDigest);
+        if (size < 0) zul::DrainVklErrors(Vkl());
+    }
     Trace("CZulCryptSignature::GetDigestSize() returning " + std::to_string(size) + "\n", 4);
     return size;
 }
@@ -123,6 +127,7 @@ int CZulCryptSignature::GetDigestBlockSize() {
     int size = -1;
     if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) {
         size = VKL_EVP_MD_block_size(Vkl(), m_pMD->m_pDigest);
+        if (size < 0) zul::DrainVklErrors(Vkl());
     }
     Trace("CZulCryptSignature::GetDigestBlockSize() returning " + std::to_string(size) + "\n", 4);
     return size;
@@ -141,7 +146,7 @@ void CZulCryptSignature::ResetMessageDigest() {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         m_bStatus = false;
     }
-    (void)VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx);
+    InitDigestContext();
     delete m_pMD;
     m_pMD = nullptr;
 }
@@ -165,6 +170,11 @@ bool CZulCryptSignature::Ready() {
         return false;
     }
     return true;
+}
+
+void CZulCryptSignature::InitDigestContext() {
+    // Ignored, as every operation starts with its own DigestInit; but its entry goes now.
+    if (VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx) != 1) zul::DrainVklErrors(Vkl());
 }
 
 bool CZulCryptSignature::GetSignature(void* data, unsigned int dataLength, unsigned char* signature,
