@@ -10,6 +10,7 @@
 class ZULCRYPT_API CZulCryptBigNum {
 public:
     // The context is used only for VKL calls (conversions, random fill); it must outlive the number.
+    // On a context without VKL those calls are refused ("VKL Context in an invalid state"), value unchanged.
     explicit CZulCryptBigNum(CZulCryptContext& context);
     virtual ~CZulCryptBigNum();
 
@@ -17,12 +18,14 @@ public:
     CZulCryptBigNum& operator=(const CZulCryptBigNum&) = delete;
 
     // Copies the magnitude of a VKL number. False for a null holder or number (value unchanged),
-    // or when VKL wrote another count than its bit length promised ("Failed to create big num").
+    // or when VKL wrote another count than its bit length promised ("Failed to create big num";
+    // the value then holds only as many of the written bytes as the bit length promised).
     bool SetNumber(const C_VKL_BIGNUM_Wrap* number);
-    // Copies length raw bytes. False, value unchanged, for null bytes or a length of 0.
+    // Copies length raw bytes, which may be this number's own. False, value unchanged, for null
+    // bytes or a length of 0.
     bool SetNumber(unsigned int length, const unsigned char* bytes);
-    // Reads a packet: a 16-bit big-endian bit count, then (bits + 7) / 8 bytes.
-    // False, value unchanged, for a null packet.
+    // Reads a packet: a 16-bit big-endian bit count, then (bits + 7) / 8 bytes; it may lie in
+    // this number's own bytes. False, value unchanged, for a null packet.
     bool SetNumber(const unsigned char* packet);
 
     // Number of bytes held.
@@ -44,8 +47,9 @@ public:
 private:
     // Wipes and frees the held bytes; the number is then empty.
     void Release();
-    // Releases, then holds length zeroed bytes. False (empty number, reported) when memory runs out.
-    bool Allocate(unsigned int length);
+    // Holds length bytes copied from source (zeros for a null source), then releases the old
+    // bytes, which may be the source. False (empty number, reported) when memory runs out.
+    bool Allocate(unsigned int length, const unsigned char* source);
 
     CZulCryptContext& m_rContext;
     unsigned char* m_pBigNumPacket;

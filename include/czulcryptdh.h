@@ -23,7 +23,7 @@ public:
     static const unsigned char ms_Oakley14Prime[256];
 
     // An object without group, to be given one by SetOakleyGroup2 or SetOakleyGroup14.
-    // GetStatus() is false (reported) when VKL could not make a DH record.
+    // GetStatus() is false (reported) when VKL could not make a DH record or the context has no VKL.
     explicit CZulCryptDH(CZulCryptContext& context);
     // An object with generated parameters (a primeBits-bit prime, at least 512, and the
     // generator) and a generated key pair. Generating large primes takes long.
@@ -53,7 +53,7 @@ public:
     // The last computed secret, still owned by the object and replaced by the next computation;
     // null before the first. length is set to GetSize().
     unsigned char* GetSharedSecret(int& length);
-    // The prime's size in bytes: 0 (VKL's error queued) without a group, -1 without a DH record.
+    // The prime's size in bytes: 0 without a group, -1 without a DH record.
     int GetSize();
     // True while the object is usable.
     bool GetStatus();

@@ -26,11 +26,12 @@ public:
     // ms_MaxKeyAttempts + 1 failures the key is left empty (KeySize() 0).
     void GenerateKey(int bits, unsigned long publicExponent);
     // Copies every component present in the record; the record stays the caller's.
-    // A null holder or record is reported and leaves the key unchanged.
+    // A null holder or record, or a context without VKL, is reported and leaves the key unchanged.
     void SetKey(C_VKL_RSA_Wrap* rsa);
     // Puts each component the key holds into the record as a new VKL number (replacing and
     // releasing what the field held); absent components leave their fields alone. The record
-    // owns the numbers afterwards. Does nothing for a null holder or record.
+    // owns the numbers afterwards. Does nothing for a null holder or record, nor (reported) on a
+    // context without VKL.
     void BuildKeyStruct(C_VKL_RSA_Wrap* rsa) const;
     // Takes the two objects over (made with new; either may be null) and nulls the caller's
     // pointers; a key holding n or e is cleared first. Both arguments must be valid addresses.

@@ -36,6 +36,7 @@ public:
 
     // Signs dataLength bytes with (n, d) into signature (GetSignatureSize() bytes of room) and
     // stores its length. False, reported, on any failure; *signatureLength is then not written.
+    // Both operations refuse (reported) a modulus or exponent that is missing or zero.
     bool GetSignature(void* data, unsigned int dataLength, unsigned char* signature, unsigned int* signatureLength);
     // As above into a buffer of GetSignatureSize() bytes from new[], the caller's to delete[].
     // On failure *signature is null and *signatureLength 0.
@@ -49,7 +50,10 @@ private:
         const VKL_EVP_MD_t* m_pDigest;
     };
 
+    // Null on a context without VKL.
     VKL_t* Vkl();
+    // VKL_EVP_MD_CTX_init of the digest context, whose failure is ignored.
+    void InitDigestContext();
     // True when signing or verifying may go ahead; reports why not otherwise.
     bool Ready();
     // Signs or verifies with a key record built from the stored numbers.

@@ -134,21 +134,46 @@ TEST_F(BigNumTest, RefusedArgumentsKeepTheOldValue) {
     EXPECT_EQ(VKLTest_CallCount("VKL_RAND_bytes"), 0u);
 }
 
-TEST_F(BigNumTest, ShortVklWriteIsReported) {
+// VKL's bit count and the bytes it writes disagree: refused, nothing written past the
+// buffer, and the entry the failed call queued goes with the report.
+TEST_F(BigNumTest, VklCountsThatDisagreeAreReported) {
+    struct Row {
+        const char* function;
+        long result;
+        const char* held;
+    };
     const unsigned char bytes[] = {0x7F, 0xFF, 0xFF};
     VKL_BIGNUM_t* bn = VKL_BN_bin2bn(vkl, bytes, 3, nullptr);
     ASSERT_NE(bn, nullptr);
     C_VKL_BIGNUM_Wrap wrap(bn);
-    CZulCryptBigNum number(*context);
-    VKLTest_FailCall("VKL_BN_bn2bin", 0, 1, 2);
-    EXPECT_FALSE(number.SetNumber(&wrap));
-    ASSERT_EQ(diagnostics->errors.size(), 1u);
-    EXPECT_EQ(diagnostics->errors[0].file, "czulcryptbignum");
-    EXPECT_EQ(diagnostics->errors[0].text, "Failed to create big num");
-    EXPECT_FALSE(diagnostics->errors[0].fatal);
-    // The cleared bytes and their count stay.
-    EXPECT_EQ(Held(number), "000000");
+    // Fewer bytes than promised keep the cleared bytes and their count; more are cut to the count.
+    for (const Row& row : {Row{"VKL_BN_bn2bin", 2, "000000"}, Row{"VKL_BN_num_bits", 8, "7f"},
+                           Row{"VKL_BN_num_bits", 0, ""}}) {
+        SCOPED_TRACE(std::string(row.function) + " " + std::to_string(row.result));
+        diagnostics->Clear();
+        CZulCryptBigNum number(*context);
+        VKLTest_FailCall(row.function, 0, 1, row.result);
+        EXPECT_FALSE(number.SetNumber(&wrap));
+        ASSERT_EQ(diagnostics->errors.size(), 1u);
+        EXPECT_EQ(diagnostics->errors[0].file, "czulcryptbignum");
+        EXPECT_EQ(diagnostics->errors[0].text, "Failed to create big num");
+        EXPECT_FALSE(diagnostics->errors[0].fatal);
+        EXPECT_EQ(Held(number), row.held);
+        EXPECT_THAT(zultest::TakeQueue(vkl), IsEmpty());
+    }
     VKL_BN_free(vkl, bn);
+}
+
+// Allocate and copy first, then release: the source may be the held bytes.
+TEST_F(BigNumTest, CopyingOntoItself) {
+    CZulCryptBigNum number(*context);
+    const unsigned char bytes[] = {0x00, 0x10, 0xAB, 0xCD};
+    ASSERT_TRUE(number.SetNumber(4, bytes));
+    EXPECT_TRUE(number.SetNumber(number.GetLen(), number.GetBigNumPacket()));
+    EXPECT_EQ(Held(number), "0010abcd");
+    // Read as a packet: 16 bits, then AB CD.
+    EXPECT_TRUE(number.SetNumber(number.GetBigNumPacket()));
+    EXPECT_EQ(Held(number), "abcd");
 }
 
 TEST_F(BigNumTest, PopulateRandomSizesAndFailure) {

@@ -1,6 +1,8 @@
 // RSA keys and raw RSA: OpenSSL's block-type-1 vectors of a fixed key, round
 // trips with complete keys and with n and d only, key generation and its
 // retries, and the copying rules between keys and VKL records.
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -9,10 +11,13 @@
 
 #include <czulcryptbignum.h>
 #include <czulcryptcontext.h>
+#include <czulcryptdh.h>
 #include <czulcryptrsacalculator.h>
 #include <czulcryptrsakey.h>
+#include <czulcryptsignature.h>
 #include <vkl.h>
 #include <vkl_testing.h>
+#include <wexcrypt_testing.h>
 
 #include "test_support.h"
 #include "vector_file.h"
@@ -355,6 +360,105 @@ TEST_F(RsaTest, VklChecksKeyConsistency) {
     context->GetError(text);
     EXPECT_EQ(text, "VKL_RSA_check_key: the key has no private exponent");
     VKL_RSA_free(vkl, publicOnly);
+}
+
+// A context whose VKL did not start: every class refuses what needs VKL with a report,
+// also when one of its objects meets an object of a good context, and calls no VKL function
+// on it. Each row returns whether the operation was refused.
+TEST_F(RsaTest, ContextWithoutVklIsRefusedByEveryClass) {
+    WEXTest_SetGetContextResult(0);
+    CZulCryptContext none;
+    WEXTest_SetGetContextResult(-3);
+    const std::vector<unsigned char> n = vectors[0].Bytes("N"), e = vectors[0].Bytes("E");
+    CZulCryptBigNum number(none);
+    ASSERT_TRUE(number.SetNumber(static_cast<unsigned int>(e.size()), e.data()));
+    CZulCryptRSAKey key(none);
+    {
+        std::unique_ptr<CZulCryptBigNum> goodN(Number("N")), goodE(Number("E"));
+        key.PopulateWithPublic(goodN.get(), goodE.get());
+    }
+    CZulCryptRSAKey goodKey(*context);
+    LoadPublic(goodKey);
+    CZulCryptRSACalculator calculator(*context);
+    C_VKL_BIGNUM_Wrap vklNumber(VKL_BN_new(vkl));
+    VKL_RSA_t* rsa = VKL_RSA_new(vkl);
+    const unsigned char five = 5;
+    rsa->n = VKL_BN_bin2bn(vkl, &five, 1, nullptr);
+    C_VKL_RSA_Wrap record(rsa);
+    unsigned char out[256] = {};
+
+    struct Row {
+        const char* what;
+        std::function<bool()> refused;
+        std::vector<std::string> reports;  // "file: text"
+        bool goodContextCallsVkl;
+    };
+    const auto invalid = [](const char* file) { return std::string(file) + ": VKL Context in an invalid state"; };
+    const std::vector<Row> rows = {
+        {"big number from VKL", [&] { return !number.SetNumber(&vklNumber); }, {invalid("czulcryptbignum")}, false},
+        {"big number to VKL", [&] { return number.BuildNumber() == nullptr; }, {invalid("czulcryptbignum")}, false},
+        {"big number into VKL", [&] { return !number.PopulateNumber(&vklNumber); }, {invalid("czulcryptbignum")},
+         false},
+        {"random big number",
+         [&] {
+             number.PopulateRandom(64);
+             return zultest::Hex(number.GetBigNumPacket(), number.GetLen()) == zultest::Hex(e);
+         },
+         {invalid("czulcryptbignum")}, false},
+        {"key from a record", [&] { key.SetKey(&record); return key.KeySize() == 256; }, {invalid("czulcryptrsakey")},
+         false},
+        {"key into a record", [&] { key.BuildKeyStruct(&record); return rsa->e == nullptr; },
+         {invalid("czulcryptrsakey")}, false},
+        {"key generation",
+         [&] {
+             CZulCryptRSAKey generated(none);
+             generated.GenerateKey(512, 65537);
+             return generated.KeySize() == 0;
+         },
+         {invalid("czulcryptrsakey")}, false},
+        {"calculator", [&] { return CZulCryptRSACalculator(none).RSAPublicEncrypt(out, 10, goodKey, out) == -1; },
+         {invalid("czulcryptrsacalculator")}, false},
+        {"good calculator, key without VKL", [&] { return calculator.RSAPublicEncrypt(out, 10, key, out) == -1; },
+         {invalid("czulcryptrsakey"), "czulcryptrsacalculator: VKL_RSA_public_encrypt: the key has no modulus"},
+         true},
+        {"signature",
+         [&] {
+             CZulCryptSignature signature(none);
+             return !signature.SetHashAndKey("SHA1", n.data(), 256, e.data(), static_cast<unsigned int>(e.size()));
+         },
+         {invalid("czulcryptsignature")}, false},
+        {"Diffie-Hellman",
+         [&] {
+             CZulCryptDH dh(none);
+             return !dh.GetStatus() && !dh.SetOakleyGroup2() && dh.GetSize() == -1;
+         },
+         {invalid("czulcryptdh")}, false},
+        {"Diffie-Hellman, generated group", [&] { return !CZulCryptDH(none, 512, 2).GetStatus(); },
+         {invalid("czulcryptdh")}, false},
+        {"good Diffie-Hellman, peer without VKL",
+         [&] {
+             CZulCryptDH dh(*context);
+             EXPECT_TRUE(dh.SetOakleyGroup2());
+             dh.ComputeSharedSecret(&number);
+             return !dh.GetStatus();
+         },
+         // The peer has no VKL form: the DH object finds nothing queued, for the conversion and the result.
+         {invalid("czulcryptbignum"), "czulcryptdh: ", "czulcryptdh: "}, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        diagnostics->Clear();
+        VKLTest_Reset();
+        EXPECT_TRUE(row.refused());
+        std::vector<std::string> reports;
+        for (const zultest::ErrorReport& report : diagnostics->errors) reports.push_back(report.file + ": " + report.text);
+        EXPECT_EQ(reports, row.reports);
+        if (!row.goodContextCallsVkl) {
+            EXPECT_THAT(zultest::CallLog(), IsEmpty());
+        }
+    }
+    VKL_BN_free(vkl, vklNumber.m_pBigNum);
+    VKL_RSA_free(vkl, rsa);
 }
 
 }  // namespace

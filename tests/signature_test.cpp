@@ -266,6 +266,35 @@ TEST_F(SignatureTest, DisabledOrUndigestedObjectsCallNoVkl) {
     EXPECT_THAT(zultest::CallLog(), IsEmpty());
 }
 
+// A key whose modulus or exponent is missing or zero would "sign" every message as 00...01.
+TEST_F(SignatureTest, MissingOrZeroKeyNumbersAreRefused) {
+    const std::vector<unsigned char> empty, zero{0x00}, zeros{0x00, 0x00};
+    struct Row {
+        const char* what;
+        const std::vector<unsigned char>& modulus;
+        const std::vector<unsigned char>& exponent;
+    };
+    const Row rows[] = {{"exponent refused", n, empty}, {"exponent 00", n, zero}, {"exponent 00 00", n, zeros},
+                        {"modulus refused", empty, d},  {"modulus 00", zero, d}};
+    const std::string refused = "No usable RSA key: the modulus or the exponent is missing or zero";
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        CZulCryptSignature signature(*context);
+        (void)signature.SetHashAndKey("SHA1", row.modulus.data(), static_cast<unsigned int>(row.modulus.size()),
+                                      row.exponent.data(), static_cast<unsigned int>(row.exponent.size()));
+        diagnostics->Clear();
+        VKLTest_Reset();
+        unsigned char out[256];
+        unsigned int length = 7;
+        EXPECT_FALSE(signature.GetSignature(message.data(), 100, out, &length));
+        EXPECT_EQ(length, 7u);
+        EXPECT_FALSE(signature.VerifySignature(message.data(), 100, out, 256));
+        EXPECT_THAT(diagnostics->ErrorTexts(), ElementsAre(refused, refused));
+        for (const zultest::ErrorReport& report : diagnostics->errors) EXPECT_EQ(report.file, "czulcryptsignature");
+        EXPECT_THAT(zultest::CallLog(), IsEmpty());
+    }
+}
+
 struct FailureRow {
     const char* function;
     long result;

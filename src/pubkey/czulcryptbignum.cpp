@@ -7,8 +7,12 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptbignum";
+
+// 65535 bits, the most a packet's bit count can state.
+static constexpr unsigned int kScratchBytes = 8192;
 
 CZulCryptBigNum::CZulCryptBigNum(CZulCryptContext& context)
     : m_rContext(context), m_pBigNumPacket(nullptr), m_uLen(0) {
@@ -32,25 +36,48 @@ void CZulCryptBigNum::Release() {
     m_uLen = 0;
 }
 
-bool CZulCryptBigNum::Allocate(unsigned int length) {
+bool CZulCryptBigNum::Allocate(unsigned int length, const unsigned char* source) {
+    unsigned char* bytes = new (std::nothrow) unsigned char[length];
+    if (bytes != nullptr) {
+        if (source != nullptr) {
+            std::memcpy(bytes, source, length);
+        } else {
+            std::memset(bytes, 0, length);
+        }
+    }
+    // Only now: the source may be the bytes held so far.
     Release();
-    m_pBigNumPacket = new (std::nothrow) unsigned char[length];
-    if (m_pBigNumPacket == nullptr) {
+    if (bytes == nullptr) {
         ZUL_REPORT("Insufficient memory");
         return false;
     }
-    std::memset(m_pBigNumPacket, 0, length);
+    m_pBigNumPacket = bytes;
     m_uLen = length;
     return true;
 }
 
 bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
     if (number == nullptr || number->m_pBigNum == nullptr) return false;
-    VKL_t* vkl = m_rContext.GetContext()->m_pCtx;
-    const int bits = VKL_BN_num_bits(vkl, number->m_pBigNum);
-    if (!Allocate((static_cast<unsigned int>(bits) + 7) / 8)) return false;
-    const int written = VKL_BN_bn2bin(vkl, number->m_pBigNum, m_pBigNumPacket);
-    if (written < 0 || static_cast<unsigned int>(written) != m_uLen) {
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return false;
+    const unsigned int length = (static_cast<unsigned int>(VKL_BN_num_bits(vkl, number->m_pBigNum)) + 7) / 8;
+    // VKL writes as many bytes as the number has, whatever its bit count said. Written into
+    // room for the largest number a packet can carry (larger than any RSA or DH number),
+    // a count that says too little cannot make it write past the end.
+    const unsigned int room = length > kScratchBytes ? length : kScratchBytes;
+    unsigned char* scratch = new (std::nothrow) unsigned char[room]();
+    if (scratch == nullptr) {
+        Release();
+        ZUL_REPORT("Insufficient memory");
+        return false;
+    }
+    const int written = VKL_BN_bn2bin(vkl, number->m_pBigNum, scratch);
+    const bool copied = Allocate(length, scratch);
+    zul::Cleanse(scratch, room);
+    delete[] scratch;
+    if (!copied) return false;
+    if (written < 0 || static_cast<unsigned int>(written) != length) {
+        zul::DrainVklErrors(vkl);
         ZUL_REPORT("Failed to create big num");
         return false;
     }
@@ -59,18 +86,14 @@ bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
 
 bool CZulCryptBigNum::SetNumber(unsigned int length, const unsigned char* bytes) {
     if (bytes == nullptr || length == 0) return false;
-    if (!Allocate(length)) return false;
-    std::memcpy(m_pBigNumPacket, bytes, length);
-    return true;
+    return Allocate(length, bytes);
 }
 
 bool CZulCryptBigNum::SetNumber(const unsigned char* packet) {
     if (packet == nullptr) return false;
     // Two single bytes: the prefix may sit at any alignment.
     const unsigned int bits = (static_cast<unsigned int>(packet[0]) << 8) | packet[1];
-    if (!Allocate((bits + 7) / 8)) return false;
-    std::memcpy(m_pBigNumPacket, packet + 2, m_uLen);
-    return true;
+    return Allocate((bits + 7) / 8, packet + 2);
 }
 
 unsigned int CZulCryptBigNum::GetLen() const { return m_uLen; }
@@ -79,22 +102,29 @@ const unsigned char* CZulCryptBigNum::GetBigNumPacket() const { return m_pBigNum
 
 C_VKL_BIGNUM_Wrap* CZulCryptBigNum::BuildNumber() const {
     if (m_uLen == 0) return nullptr;
-    VKL_t* vkl = m_rContext.GetContext()->m_pCtx;
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return nullptr;
     return new C_VKL_BIGNUM_Wrap(VKL_BN_bin2bn(vkl, m_pBigNumPacket, static_cast<int>(m_uLen), nullptr));
 }
 
 bool CZulCryptBigNum::PopulateNumber(C_VKL_BIGNUM_Wrap* number) const {
     // A holder of null would make VKL create a number that nobody owns.
     if (number == nullptr || number->m_pBigNum == nullptr) return false;
-    VKL_t* vkl = m_rContext.GetContext()->m_pCtx;
-    (void)VKL_BN_bin2bn(vkl, m_pBigNumPacket, static_cast<int>(m_uLen), number->m_pBigNum);
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return false;
+    // VKL's result is not part of ours; its entry must not outlive the call.
+    if (VKL_BN_bin2bn(vkl, m_pBigNumPacket, static_cast<int>(m_uLen), number->m_pBigNum) == nullptr) {
+        zul::DrainVklErrors(vkl);
+    }
     return true;
 }
 
 void CZulCryptBigNum::PopulateRandom(unsigned int bits) {
     if (bits == 0) return;
-    if (!Allocate((bits + 7) / 8)) return;
-    if (VKL_RAND_bytes(m_rContext.GetContext()->m_pCtx, m_pBigNumPacket, static_cast<int>(m_uLen)) != 1) {
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return;
+    if (!Allocate((bits + 7) / 8, nullptr)) return;
+    if (VKL_RAND_bytes(vkl, m_pBigNumPacket, static_cast<int>(m_uLen)) != 1) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
     }
 }

@@ -7,6 +7,7 @@
 #include "../common/cleanse.h"
 #include "../common/report.h"
 #include "../common/trace.h"
+#include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptdh";
 
@@ -67,7 +68,10 @@ void TraceConstruction(const CZulCryptContext& context) {
 CZulCryptDH::CZulCryptDH(CZulCryptContext& context)
     : m_rContext(context), m_pDHWrap(nullptr), m_bStatus(false), m_pSharedSecret(nullptr) {
     TraceConstruction(context);
-    m_pDHWrap = new C_VKL_DH_Wrap(VKL_DH_new(Vkl()));
+    m_pDHWrap = new C_VKL_DH_Wrap(nullptr);
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return;
+    m_pDHWrap->m_pDH = VKL_DH_new(vkl);
     if (m_pDHWrap->m_pDH == nullptr) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
@@ -78,7 +82,10 @@ CZulCryptDH::CZulCryptDH(CZulCryptContext& context)
 CZulCryptDH::CZulCryptDH(CZulCryptContext& context, int primeBits, int generator)
     : m_rContext(context), m_pDHWrap(nullptr), m_bStatus(false), m_pSharedSecret(nullptr) {
     TraceConstruction(context);
-    m_pDHWrap = new C_VKL_DH_Wrap(VKL_DH_generate_parameters(Vkl(), primeBits, generator, nullptr, nullptr));
+    m_pDHWrap = new C_VKL_DH_Wrap(nullptr);
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return;
+    m_pDHWrap->m_pDH = VKL_DH_generate_parameters(vkl, primeBits, generator, nullptr, nullptr);
     if (m_pDHWrap->m_pDH == nullptr) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
@@ -98,11 +105,8 @@ CZulCryptDH::~CZulCryptDH() {
     std::free(m_pSharedSecret);
 }
 
-VKL_t* CZulCryptDH::Vkl() {
-    // VKL refuses a null context with a queued error; the context's own failure was reported already.
-    C_VKL_CTX_Wrap* holder = m_rContext.GetContext();
-    return holder != nullptr ? holder->m_pCtx : nullptr;
-}
+// Only an object with a DH record calls VKL, and it has one only from a context with VKL.
+VKL_t* CZulCryptDH::Vkl() { return zul::VklOf(m_rContext); }
 
 void CZulCryptDH::ReleaseSecret(int length) {
     if (length > 0) zul::Cleanse(m_pSharedSecret, static_cast<size_t>(length));
@@ -158,7 +162,8 @@ CZulCryptBigNum* CZulCryptDH::GetPublicKey() {
 
 void CZulCryptDH::ComputeSharedSecret(CZulCryptBigNum* peerPublicKey) {
     if (m_pDHWrap->m_pDH == nullptr || !m_bStatus || peerPublicKey == nullptr) return;
-    const int size = GetSize();
+    // Not GetSize: a failure here is reported with the entry VKL queued for it.
+    const int size = VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
     if (size < 1) {
         m_bStatus = false;
         ZUL_REPORT_VKL_ERROR(m_rContext);
@@ -197,7 +202,10 @@ unsigned char* CZulCryptDH::GetSharedSecret(int& length) {
 
 int CZulCryptDH::GetSize() {
     if (m_pDHWrap->m_pDH == nullptr) return -1;
-    return VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
+    const int size = VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
+    // A question, not a failure: nothing it queued may be blamed for a later one.
+    if (size < 1) zul::DrainVklErrors(Vkl());
+    return size;
 }
 
 bool CZulCryptDH::GetStatus() {

@@ -3,6 +3,7 @@
 #include <climits>
 
 #include "../common/report.h"
+#include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptrsacalculator";
 
@@ -36,12 +37,9 @@ void CZulCryptRSACalculator::BuildRSAKeyStruct(const CZulCryptRSAKey& key, C_VKL
 
 int CZulCryptRSACalculator::Run(Operation operation, const unsigned char* from, unsigned int fromLength,
                                 const CZulCryptRSAKey& key, unsigned char* to) {
-    C_VKL_CTX_Wrap* holder = m_rContext.GetContext();
-    if (holder == nullptr || holder->m_pCtx == nullptr) {
-        ZUL_REPORT("VKL Context in an invalid state");
-        return -1;
-    }
-    VKL_RSA_t* record = VKL_RSA_new(holder->m_pCtx);
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return -1;
+    VKL_RSA_t* record = VKL_RSA_new(vkl);
     if (record == nullptr) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return -1;
@@ -50,8 +48,13 @@ int CZulCryptRSACalculator::Run(Operation operation, const unsigned char* from, 
     BuildRSAKeyStruct(key, &wrap);
     // VKL lengths are ints; a longer input could never fit a modulus anyway.
     const int length = fromLength > static_cast<unsigned int>(INT_MAX) ? -1 : static_cast<int>(fromLength);
-    const int result = operation(holder->m_pCtx, length, from, to, record, VKL_RSA_PKCS1_PADDING);
-    VKL_RSA_free(holder->m_pCtx, record);
-    if (result == -1) ZUL_REPORT_VKL_ERROR(m_rContext);
+    const int result = operation(vkl, length, from, to, record, VKL_RSA_PKCS1_PADDING);
+    VKL_RSA_free(vkl, record);
+    if (result == -1) {
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+    } else if (result < 0) {
+        // Returned as it is, unreported: what VKL queued for it goes now.
+        zul::DrainVklErrors(vkl);
+    }
     return result;
 }

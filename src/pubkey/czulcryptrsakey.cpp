@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "../common/report.h"
+#include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptrsakey";
 
@@ -34,28 +35,26 @@ unsigned int CZulCryptRSAKey::KeySize() const { return m_pN != nullptr ? m_pN->G
 
 void CZulCryptRSAKey::GenerateKey(int bits, unsigned long publicExponent) {
     ClearKey();
-    C_VKL_CTX_Wrap* holder = m_rContext.GetContext();
-    if (holder == nullptr || holder->m_pCtx == nullptr) {
-        ZUL_REPORT("VKL Context in an invalid state");
-        return;
-    }
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return;
     for (int failures = 0; failures <= ms_MaxKeyAttempts; ++failures) {
-        VKL_RSA_t* rsa = VKL_RSA_generate_key(holder->m_pCtx, bits, publicExponent, nullptr, nullptr);
+        VKL_RSA_t* rsa = VKL_RSA_generate_key(vkl, bits, publicExponent, nullptr, nullptr);
         if (rsa == nullptr) {
             ZUL_REPORT_VKL_ERROR(m_rContext);
             continue;
         }
-        if (VKL_RSA_check_key(holder->m_pCtx, rsa) == 1) {
+        if (VKL_RSA_check_key(vkl, rsa) == 1) {
             C_VKL_RSA_Wrap wrap(rsa);
             SetKey(&wrap);
-            VKL_RSA_free(holder->m_pCtx, rsa);
+            VKL_RSA_free(vkl, rsa);
             return;
         }
         ZUL_REPORT_VKL_ERROR(m_rContext);
-        VKL_RSA_free(holder->m_pCtx, rsa);
+        VKL_RSA_free(vkl, rsa);
     }
     std::string text = "Exceeded max attempts to produce RSAKey: ";
     m_rContext.GetError(text);
+    zul::DrainVklErrors(vkl);
     ZUL_REPORT(text.c_str());
 }
 
@@ -64,6 +63,8 @@ void CZulCryptRSAKey::SetKey(C_VKL_RSA_Wrap* rsa) {
         ZUL_REPORT("Tried to set the CZulCryptRSAKey with a NULL RSA structure.");
         return;
     }
+    // Reported once here rather than by every component's copy.
+    if (ZUL_VKL_OR_REPORT(m_rContext) == nullptr) return;
     VKL_RSA_t* record = rsa->m_pRSA;
     const std::pair<CZulCryptBigNum**, VKL_BIGNUM_t*> components[] = {
         {&m_pN, record->n},       {&m_pP, record->p},       {&m_pQ, record->q},       {&m_pE, record->e},
@@ -80,7 +81,8 @@ void CZulCryptRSAKey::SetKey(C_VKL_RSA_Wrap* rsa) {
 
 void CZulCryptRSAKey::BuildKeyStruct(C_VKL_RSA_Wrap* rsa) const {
     if (rsa == nullptr || rsa->m_pRSA == nullptr) return;
-    VKL_t* vkl = m_rContext.GetContext()->m_pCtx;
+    VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
+    if (vkl == nullptr) return;
     VKL_RSA_t* record = rsa->m_pRSA;
     const std::pair<const CZulCryptBigNum*, VKL_BIGNUM_t**> components[] = {
         {m_pN, &record->n},       {m_pP, &record->p},       {m_pQ, &record->q},       {m_pE, &record->e},

@@ -6,6 +6,7 @@
 #include <czulcryptrsakey.h>
 
 #include "../common/report.h"
+#include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptsignature";
 
@@ -19,6 +20,16 @@ std::string Pointer(const void* pointer) {
 }
 
 void Trace(const std::string& text, unsigned int level) { CZulCryptContext::HandleDebug(text.c_str(), level); }
+
+// Missing, empty or all zero bytes. With a zero exponent RSA "signs" anything as 00...01.
+bool IsZero(const CZulCryptBigNum* number) {
+    if (number == nullptr) return true;
+    const unsigned char* bytes = number->GetBigNumPacket();
+    for (unsigned int i = 0; i < number->GetLen(); ++i) {
+        if (bytes[i] != 0) return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -49,22 +60,22 @@ CZulCryptSignature::~CZulCryptSignature() {
     m_pExponent = nullptr;
 }
 
-VKL_t* CZulCryptSignature::Vkl() { return m_rContext.GetContext()->m_pCtx; }
+VKL_t* CZulCryptSignature::Vkl() { return zul::VklOf(m_rContext); }
 
 void CZulCryptSignature::Initialise() {
     // A second run must not lose the digest context it already has.
     if (m_pMDCtxWrap != nullptr && m_pMDCtxWrap->m_pMDCtx != nullptr) return;
     m_bStatus = false;
-    C_VKL_CTX_Wrap* holder = m_rContext.GetContext();
-    if (holder == nullptr || holder->m_pCtx == nullptr) return;
+    VKL_t* vkl = Vkl();
+    if (vkl == nullptr) return;
     Trace("CZulCryptSignature::Initialise()\n", 3);
     delete m_pMDCtxWrap;
-    m_pMDCtxWrap = new C_VKL_EVP_MD_CTX_Wrap(VKL_EVP_MD_CTX_new(holder->m_pCtx));
+    m_pMDCtxWrap = new C_VKL_EVP_MD_CTX_Wrap(VKL_EVP_MD_CTX_new(vkl));
     if (m_pMDCtxWrap->m_pMDCtx == nullptr) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
     }
-    (void)VKL_EVP_MD_CTX_init(holder->m_pCtx, m_pMDCtxWrap->m_pMDCtx);
+    InitDigestContext();
     m_bStatus = true;
 }
 
@@ -96,6 +107,7 @@ const char* CZulCryptSignature::GetType() {
     const char* name = nullptr;
     if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) {
         name = VKL_OBJ_nid2sn(Vkl(), VKL_EVP_MD_type(Vkl(), m_pMD->m_pDigest));
+        if (name == nullptr) zul::DrainVklErrors(Vkl());
     }
     Trace(std::string("CZulCryptSignature::GetType() returning ") + (name != nullptr ? name : "NULL") + "\n", 4);
     return name;
@@ -103,7 +115,10 @@ const char* CZulCryptSignature::GetType() {
 
 int CZulCryptSignature::GetDigestSize() {
     int size = -1;
-    if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) size = VKL_EVP_MD_size(Vkl(), m_pMD->m_pDigest);
+    if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) {
+        size = VKL_EVP_MD_size(Vkl(), m_pMD->m_pDigest);
+        if (size < 0) zul::DrainVklErrors(Vkl());
+    }
     Trace("CZulCryptSignature::GetDigestSize() returning " + std::to_string(size) + "\n", 4);
     return size;
 }
@@ -112,6 +127,7 @@ int CZulCryptSignature::GetDigestBlockSize() {
     int size = -1;
     if (m_bStatus && m_pMD != nullptr && m_pMD->m_pDigest != nullptr) {
         size = VKL_EVP_MD_block_size(Vkl(), m_pMD->m_pDigest);
+        if (size < 0) zul::DrainVklErrors(Vkl());
     }
     Trace("CZulCryptSignature::GetDigestBlockSize() returning " + std::to_string(size) + "\n", 4);
     return size;
@@ -130,7 +146,7 @@ void CZulCryptSignature::ResetMessageDigest() {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         m_bStatus = false;
     }
-    (void)VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx);
+    InitDigestContext();
     delete m_pMD;
     m_pMD = nullptr;
 }
@@ -149,7 +165,16 @@ bool CZulCryptSignature::Ready() {
         ZUL_REPORT("No message digest chosen: SetHashAndKey has not succeeded since construction or reset");
         return false;
     }
+    if (IsZero(m_pModulus) || IsZero(m_pExponent)) {
+        ZUL_REPORT("No usable RSA key: the modulus or the exponent is missing or zero");
+        return false;
+    }
     return true;
+}
+
+void CZulCryptSignature::InitDigestContext() {
+    // Ignored, as every operation starts with its own DigestInit; but its entry goes now.
+    if (VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx) != 1) zul::DrainVklErrors(Vkl());
 }
 
 bool CZulCryptSignature::GetSignature(void* data, unsigned int dataLength, unsigned char* signature,
