@@ -83,6 +83,11 @@ void PlatformTest::SetUp() {
 }
 
 void PlatformTest::TearDown() {
+    // Whatever a test did, no VKL failure may leave an entry for a later one to be blamed on.
+    VKL_t* vkl = nullptr;
+    WEXTest_SetGetContextResult(-3);
+    WEXCryptGetContext(&vkl);
+    EXPECT_EQ(TakeQueue(vkl), std::vector<std::string>{}) << "left on VKL's error queue";
     delete diagnostics;
     diagnostics = nullptr;
     VKLTest_Reset();
