@@ -1,159 +1,178 @@
-// Life of the crypto context: obtaining VKL, the start-up checks and their order.
+// The crypto context: its life (obtaining VKL, the start-up checks and their
+// order), status decoding, the error and trace channels, the hex dump and the
+// FIPS policy, as the scripts of tests/data/context_scripts.vec, status.vec and
+// fips_policy.vec.
+#include <cstring>
+#include <memory>
+#include <sstream>
 #include <string>
-#include <vector>
+#include <type_traits>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <czulcryptcontext.h>
 #include <vkl_testing.h>
 #include <wexcrypt_testing.h>
 
+#include "script.h"
 #include "test_support.h"
 
-using ::testing::ElementsAre;
-using zultest::CallLog;
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::CaptureStdout;
+using ::testing::internal::GetCapturedStderr;
+using ::testing::internal::GetCapturedStdout;
 
 namespace {
 
 class ContextTest : public zultest::PlatformTest {};
 
-TEST_F(ContextTest, StartsUsableAfterSelfTestAndSeedingInOrder) {
-    CZulCryptContext context;
-    EXPECT_TRUE(context.GetStatus());
-    ASSERT_NE(context.GetContext(), nullptr);
-    EXPECT_NE(context.GetContext()->m_pCtx, nullptr);
-    EXPECT_TRUE(diagnostics->errors.empty());
-    EXPECT_THAT(CallLog(), ElementsAre("VKL_GetStatus", "VKL_SelfTest", "VKL_GenerateRandomSeed", "VKL_RAND_seed"));
-    EXPECT_EQ(VKLTest_LastLength("VKL_GenerateRandomSeed"), 64);
-    EXPECT_EQ(VKLTest_LastLength("VKL_RAND_seed"), 64);
-    EXPECT_THAT(diagnostics->TracesAt(3),
-                ElementsAre("CZulCryptContext::CZulCryptContext()\n", "CZulCryptContext::Initialise()\n",
-                            "CZulCryptContext::SelfTest()\n", "CZulCryptContext::OpenAlgorithms()\n",
-                            "CZulCryptContext::SetRandomSeed()\n"));
+const char* OrNull(const zultest::Arg& arg, std::string& keep) {
+    keep = arg.Text();
+    return arg.IsNull() ? nullptr : keep.c_str();
 }
 
-TEST_F(ContextTest, DestructionTracesAndNeverReleasesTheVklContext) {
-    VKL_t* first = nullptr;
-    {
-        CZulCryptContext context;
-        first = context.GetContext()->m_pCtx;
+// Calls on the case's context, or on one made by "New" (after the platform was
+// set up for it by "Wex" and "Force").
+zultest::Calls ContextCalls(CZulCryptContext& given) {
+    auto made = std::make_shared<std::unique_ptr<CZulCryptContext>>();
+    auto context = [made, &given]() -> CZulCryptContext& { return *made ? **made : given; };
+    using zultest::Args;
+    using zultest::Ok;
+    using zultest::Text;
+    auto text = [](bool ok, const std::string& value) {
+        zultest::Outcome outcome = Ok(ok);
+        outcome.text = value;
+        return outcome;
+    };
+    auto usage = [](const zultest::Arg& arg) { return static_cast<EZulCryptAlgorithmUsage>(arg.Number()); };
+    return {
+        {"Wex", [](const Args& a) { WEXTest_SetGetContextResult(a[0].Number()); return Ok(true); }},
+        {"Host", [](const Args& a) { WEXTest_SetSystemFips(static_cast<int>(a[0].Number())); return Ok(true); }},
+        {"Force",
+         [](const Args& a) {
+             VKLTest_SetStatus(a[0].raw.c_str(), static_cast<int>(a[1].Number()), static_cast<int>(a[2].Number()),
+                               a[3].Text().c_str());
+             return Ok(true);
+         }},
+        {"New", [made](const Args&) { *made = std::make_unique<CZulCryptContext>(); return Ok(true); }},
+        {"Initialise", [=](const Args&) { context().Initialise(); return Ok(true); }},
+        {"Status", [=](const Args&) { return Ok(context().GetStatus()); }},
+        {"HasVkl",
+         [=](const Args&) {
+             return Ok(context().GetContext() != nullptr && context().GetContext()->m_pCtx != nullptr);
+         }},
+        {"SelfTest", [=](const Args&) { return Ok(context().SelfTest()); }},
+        {"Seed", [=](const Args&) { return Ok(context().SetRandomSeed()); }},
+        {"CheckStatus",
+         [=](const Args&) {
+             std::string kept = "kept";
+             const bool ok = context().CheckStatus(kept);
+             return text(ok, kept);
+         }},
+        // Decode major minor "description" "text before"; "Decode -" decodes a null record.
+        {"Decode",
+         [=](const Args& a) {
+             std::string value = a.back().Text();
+             if (a[0].IsNull()) return text(context().GetStatus(nullptr, value), value);
+             C_VKL_STATUS_Wrap status;
+             std::memset(&status, 0, sizeof status);
+             status.major = static_cast<int32_t>(a[0].Number());
+             status.minor = static_cast<int32_t>(a[1].Number());
+             std::strncpy(status.description, a[2].Text().c_str(), sizeof status.description - 1);
+             return text(context().GetStatus(&status, value), value);
+         }},
+        {"GetError",
+         [=](const Args&) {
+             std::string value;
+             context().GetError(value);
+             return Text(value.c_str());
+         }},
+        {"Log",
+         [](const Args&) {
+             std::string log = VKLTest_CallLog();
+             for (char& c : log) c = c == '\n' ? ' ' : c;
+             return Text(log.c_str());
+         }},
+        {"Length", [](const Args& a) { return zultest::Number(VKLTest_LastLength(a[0].raw.c_str())); }},
+        // Raw VKL calls that leave entries on the error queue for GetError.
+        {"RandBytes",
+         [=](const Args&) {
+             unsigned char out[4];
+             return Ok(VKL_RAND_bytes(context().GetContext()->m_pCtx, out, sizeof out) == 1);
+         }},
+        {"SeedNull", [=](const Args&) { return Ok(VKL_RAND_seed(context().GetContext()->m_pCtx, nullptr, 8) == 1); }},
+        {"IsFips", [=](const Args& a) { std::string k; return Ok(context().IsAlgorithmFIPS(usage(a[0]), OrNull(a[1], k))); }},
+        {"Allowed",
+         [=](const Args& a) { std::string k; return Ok(context().CheckAlgorithmAllowed(usage(a[0]), OrNull(a[1], k))); }},
+        {"Override", [=](const Args& a) { context().SetIsNonFIPSAllowedInFIPS(a[0].Number() != 0); return Ok(true); }},
+        // The default channels: no callbacks; what they write is the call's text.
+        {"Streams",
+         [](const Args&) {
+             CZulCryptContext::SetErrorResponseFn(nullptr);
+             CZulCryptContext::SetDebugResponseFn(nullptr);
+             return Ok(true);
+         }},
+        {"LogLevel", [](const Args& a) { CZulCryptContext::SetLogLevel(static_cast<unsigned>(a[0].Number())); return Ok(true); }},
+        {"Error",
+         [](const Args& a) {
+             std::string file, message;
+             CaptureStderr();
+             CZulCryptContext::HandleError(OrNull(a[0], file), static_cast<unsigned>(a[1].Number()),
+                                           OrNull(a[2], message), false);
+             return Text(GetCapturedStderr().c_str());
+         }},
+        {"Debug",
+         [](const Args& a) {
+             std::string message;
+             CaptureStdout();
+             CZulCryptContext::HandleDebug(OrNull(a[1], message), static_cast<unsigned>(a[0].Number()));
+             return Text(GetCapturedStdout().c_str());
+         }},
+        // Print hex|-|"" [left: the application left std::left and std::uppercase set | last:
+        // only the last line]
+        {"Print",
+         [](const Args& a) {
+             const auto data = a[0].IsNull() ? std::vector<unsigned char>() : a[0].Bytes();
+             if (a.size() > 1 && a[1].raw == "left") std::cout << std::left << std::uppercase;
+             const std::ios_base::fmtflags before = std::cout.flags();
+             CaptureStdout();
+             CZulCryptContext::PrintData(a[0].IsNull() ? nullptr : data.data(), static_cast<unsigned>(data.size()));
+             std::string dump = GetCapturedStdout();
+             if (std::cout.flags() != before) dump += "FLAGS CHANGED";
+             if (a.size() > 1 && a[1].raw == "last") dump = dump.substr(dump.rfind('\n', dump.size() - 2) + 1);
+             if (a.size() > 1 && a[1].raw == "last") dump.pop_back();
+             std::cout << std::right << std::nouppercase << std::dec;
+             return Text(dump.c_str());
+         }},
+    };
+}
+
+// Only a fixed underlying type makes usages outside the enumeration (-1, 4) defined.
+static_assert(std::is_same_v<std::underlying_type_t<EZulCryptAlgorithmUsage>, int>);
+
+TEST_F(ContextTest, Scripts) {
+    for (const char* file : {"context_scripts.vec", "status.vec", "fips_policy.vec"}) {
+        zultest::RunScripts(file, ContextCalls);
     }
-    EXPECT_EQ(diagnostics->TracesAt(3).back(), "CZulCryptContext::~CZulCryptContext()\n");
-    // The same VKL context is handed out again and still works.
-    CZulCryptContext again;
-    EXPECT_TRUE(again.GetStatus());
-    EXPECT_EQ(again.GetContext()->m_pCtx, first);
 }
 
-TEST_F(ContextTest, NoVklContextForAnyResultButMinusThree) {
-    for (long long result : {0LL, -2LL, 1LL, -4LL}) {
-        diagnostics->Clear();
-        VKLTest_Reset();
-        WEXTest_SetGetContextResult(result);
-        CZulCryptContext context;
-        EXPECT_FALSE(context.GetStatus()) << result;
-        EXPECT_EQ(context.GetContext(), nullptr) << result;
-        ASSERT_EQ(diagnostics->errors.size(), 1u) << result;
-        EXPECT_EQ(diagnostics->errors[0].text, "VKL Context not started.");
-        EXPECT_EQ(diagnostics->errors[0].file, "czulcryptcontext");
-        EXPECT_FALSE(diagnostics->errors[0].fatal);
-        EXPECT_EQ(VKLTest_CallLog(), std::string()) << "no VKL call without a context";
-    }
+void ReportToStderr(const char* file, unsigned int line, const char* text, bool fatal) {
+    std::fprintf(stderr, "callback %s %u %s %d\n", file, line, text, fatal ? 1 : 0);
 }
 
-// A second Initialise replaces the first holder (the leak checker sees one lost);
-// one that finds no VKL leaves no holder behind for objects to use.
-TEST_F(ContextTest, SecondInitialiseReplacesTheHolder) {
-    CZulCryptContext context;
-    context.Initialise();
-    ASSERT_TRUE(context.GetStatus());
-    WEXTest_SetGetContextResult(0);
-    context.Initialise();
-    EXPECT_FALSE(context.GetStatus());
-    EXPECT_EQ(context.GetContext(), nullptr);
-}
-
-TEST_F(ContextTest, UncleanStatusAtStartKeepsTheHolderAndStops) {
-    VKLTest_SetStatus("VKL_GetStatus", 2, 10, "library not initialised");
-    CZulCryptContext context;
-    EXPECT_FALSE(context.GetStatus());
-    EXPECT_NE(context.GetContext(), nullptr);
-    EXPECT_THAT(diagnostics->ErrorTexts(),
-                ElementsAre("MAJOR: VKL ERROR, MINOR: NOT INITIALISED, DESC:library not initialised"));
-    EXPECT_THAT(CallLog(), ElementsAre("VKL_GetStatus"));
-}
-
-TEST_F(ContextTest, FailingSelfTestDoesNotSeed) {
-    VKLTest_SetStatus("VKL_SelfTest", 2, 4, "Self-test failed: SHA-1 known-answer test");
-    CZulCryptContext context;
-    EXPECT_FALSE(context.GetStatus());
-    EXPECT_THAT(diagnostics->ErrorTexts(),
-                ElementsAre("MAJOR: VKL ERROR, MINOR: LIBRARY VERIFICATION FAILED, "
-                            "DESC:Self-test failed: SHA-1 known-answer test"));
-    // The failed self-test's queue entries, if any, go with it.
-    EXPECT_THAT(CallLog(), ElementsAre("VKL_GetStatus", "VKL_SelfTest", "VKL_ERR_get_error"));
-    EXPECT_EQ(VKLTest_CallCount("VKL_RAND_seed"), 0u);
-}
-
-TEST_F(ContextTest, RealKnownAnswerFailureReachesTheReport) {
-    VKLTest_FailCall("VKL_SelfTest/DES-CBC", 0, 1, 0);
-    CZulCryptContext context;
-    EXPECT_FALSE(context.GetStatus());
-    EXPECT_THAT(diagnostics->ErrorTexts(), ElementsAre("MAJOR: VKL ERROR, MINOR: LIBRARY VERIFICATION FAILED, "
-                                                       "DESC:Self-test failed: DES-CBC known-answer test"));
-}
-
-TEST_F(ContextTest, FailingSeedGenerationLeavesVklUnseeded) {
-    VKLTest_SetStatus("VKL_GenerateRandomSeed", 4, 14, "getrandom: no entropy");
-    CZulCryptContext context;
-    EXPECT_FALSE(context.GetStatus());
-    EXPECT_THAT(diagnostics->ErrorTexts(),
-                ElementsAre("MAJOR: VKL OS ERROR, MINOR: UNABLE TO SET VALUE, DESC:getrandom: no entropy"));
-    EXPECT_EQ(VKLTest_CallCount("VKL_RAND_seed"), 0u);
-}
-
-TEST_F(ContextTest, UnknownCodesInStartStatusAddTheirOwnReportsFirst) {
-    VKLTest_SetStatus("VKL_GetStatus", 7, 13, "odd");
-    CZulCryptContext context;
-    EXPECT_THAT(diagnostics->ErrorTexts(),
-                ElementsAre("Unsupported major VKL status error type.", "Unsupported minor VKL status error type.",
-                            "MAJOR: UNKNOWN 7, MINOR: UNKNOWN 13, DESC:odd"));
-}
-
-TEST_F(ContextTest, StepsOnAContextWithoutVklSayOnlyTheirTrace) {
-    WEXTest_SetGetContextResult(0);
-    CZulCryptContext context;
-    diagnostics->Clear();
-    VKLTest_Reset();
-    EXPECT_FALSE(context.SelfTest());
-    EXPECT_FALSE(context.SetRandomSeed());
-    std::string text = "kept";
-    EXPECT_FALSE(context.CheckStatus(text));
-    EXPECT_EQ(text, "kept");
-    EXPECT_TRUE(diagnostics->errors.empty());
-    EXPECT_THAT(diagnostics->TracesAt(3),
-                ElementsAre("CZulCryptContext::SelfTest()\n", "CZulCryptContext::SetRandomSeed()\n"));
-    EXPECT_EQ(VKLTest_CallLog(), std::string());
-}
-
-TEST_F(ContextTest, RealSelfTestAndSeedPassThroughTheStandIn) {
-    // No forced records: the stand-in's own known-answer tests and getrandom run.
-    CZulCryptContext context;
-    ASSERT_TRUE(context.GetStatus());
-    EXPECT_TRUE(context.SelfTest());
-    EXPECT_TRUE(context.SetRandomSeed());
-    std::string text;
-    EXPECT_TRUE(context.CheckStatus(text));
-    EXPECT_EQ(text, "");
-}
-
-TEST_F(ContextTest, InjectedSeedingFailureIsNotNoticed) {
-    // VKL_RAND_seed's result is not examined: the context stays usable.
-    VKLTest_FailCall("VKL_RAND_seed", 0, 1, 0);
-    CZulCryptContext context;
-    EXPECT_TRUE(context.GetStatus());
-    EXPECT_EQ(VKLTest_CallCount("VKL_RAND_seed"), 1u);
+TEST(ContextDeathTest, FatalErrorExitsWith255AfterReporting) {
+    EXPECT_EXIT(
+        {
+            CZulCryptContext::SetErrorResponseFn(nullptr);
+            CZulCryptContext::HandleError("f", 7, "the end", true);
+        },
+        ::testing::ExitedWithCode(255), "FILE:f LINE:7 DESC:the end");
+    EXPECT_EXIT(
+        {
+            CZulCryptContext::SetErrorResponseFn(ReportToStderr);
+            CZulCryptContext::HandleError("f", 8, "via callback", true);
+        },
+        ::testing::ExitedWithCode(255), "callback f 8 via callback 1");
 }
 
 }  // namespace
