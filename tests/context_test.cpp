@@ -12,6 +12,7 @@
 
 #include <czulcryptcontext.h>
 #include <vkl_testing.h>
+#include <wexcrypt.h>
 #include <wexcrypt_testing.h>
 
 #include "script.h"
@@ -25,6 +26,20 @@ using ::testing::internal::GetCapturedStdout;
 namespace {
 
 class ContextTest : public zultest::PlatformTest {};
+
+// The process's one VKL context.
+VKL_t* Vkl() {
+    VKL_t* vkl = nullptr;
+    WEXTest_SetGetContextResult(-3);
+    WEXCryptGetContext(&vkl);
+    return vkl;
+}
+
+zultest::Outcome Result(int result) {
+    zultest::Outcome outcome = zultest::Number(result);
+    outcome.ok = result == 1;
+    return outcome;
+}
 
 const char* OrNull(const zultest::Arg& arg, std::string& keep) {
     keep = arg.Text();
@@ -94,13 +109,65 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              return Text(log.c_str());
          }},
         {"Length", [](const Args& a) { return zultest::Number(VKLTest_LastLength(a[0].raw.c_str())); }},
-        // Raw VKL calls that leave entries on the error queue for GetError.
+        // The stand-ins' own test control, through raw calls. RandBytes length [times]
         {"RandBytes",
-         [=](const Args&) {
-             unsigned char out[4];
-             return Ok(VKL_RAND_bytes(context().GetContext()->m_pCtx, out, sizeof out) == 1);
+         [](const Args& a) {
+             unsigned char out[64];
+             const long times = a.size() > 1 ? a[1].Number() : 1;
+             int result = 0;
+             for (long i = 0; i < times; ++i) result = VKL_RAND_bytes(Vkl(), out, static_cast<int>(a[0].Number()));
+             return Result(result);
          }},
-        {"SeedNull", [=](const Args&) { return Ok(VKL_RAND_seed(context().GetContext()->m_pCtx, nullptr, 8) == 1); }},
+        // RandSeed length|- (a null seed of 8 bytes)
+        {"RandSeed",
+         [](const Args& a) {
+             static const unsigned char kSeed[64] = {1};
+             return Result(VKL_RAND_seed(Vkl(), a[0].IsNull() ? nullptr : kSeed,
+                                         a[0].IsNull() ? 8 : static_cast<int>(a[0].Number())));
+         }},
+        {"BlockSize",
+         [](const Args&) { return Result(VKL_EVP_MD_block_size(Vkl(), VKL_EVP_get_digestbyname(Vkl(), "SHA1"))); }},
+        {"CtxNew", [](const Args&) { return Ok(VKL_CTX_new() != nullptr); }},
+        // The record as "major minor description"; "untouched" when the call left it so.
+        {"RawStatus",
+         [](const Args& a) {
+             VKL_STATUS_t status;
+             std::memset(&status, 0x5a, sizeof status);
+             int result = 0;
+             if (a[0].raw == "GetStatus") result = VKL_GetStatus(Vkl(), &status);
+             if (a[0].raw == "SelfTest") result = VKL_SelfTest(Vkl(), &status);
+             unsigned char seed[64] = {0};
+             if (a[0].raw == "Seed") result = VKL_GenerateRandomSeed(Vkl(), &status, static_cast<int>(a[1].Number()), seed);
+             zultest::Outcome outcome = Result(result);
+             outcome.text = status.major == 0x5a5a5a5a ? "untouched"
+                                                       : std::to_string(status.major) + " " + std::to_string(status.minor) +
+                                                             " " + status.description;
+             if (a[0].raw == "Seed" && result == 1) outcome.out.assign(seed, seed + 64);
+             return outcome;
+         }},
+        // The oldest queue entry's text in a buffer of the given size.
+        {"ErrorText",
+         [](const Args& a) {
+             std::vector<char> text(static_cast<size_t>(a[0].Number()), 'x');
+             VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), text.data(), text.size());
+             return Text(text.data());
+         }},
+        {"Reset", [](const Args&) { VKLTest_Reset(); return Ok(true); }},
+        {"LogLines",
+         [](const Args&) {
+             const auto log = zultest::CallLog();
+             zultest::Outcome outcome = zultest::Number(static_cast<long>(log.size()));
+             outcome.text = log.empty() ? "" : log.back();
+             return outcome;
+         }},
+        {"GetCtx",
+         [](const Args&) {
+             VKL_t* handed = nullptr;
+             zultest::Outcome outcome = zultest::Number(WEXCryptGetContext(&handed));
+             outcome.text = handed == nullptr ? "null" : handed == Vkl() ? "same" : "other";
+             return outcome;
+         }},
+        {"HostFips", [](const Args&) { return zultest::Number(WEXUTILSIsSystemFips()); }},
         {"IsFips", [=](const Args& a) { std::string k; return Ok(context().IsAlgorithmFIPS(usage(a[0]), OrNull(a[1], k))); }},
         {"Allowed",
          [=](const Args& a) { std::string k; return Ok(context().CheckAlgorithmAllowed(usage(a[0]), OrNull(a[1], k))); }},
@@ -155,6 +222,9 @@ TEST_F(ContextTest, Scripts) {
         zultest::RunScripts(file, ContextCalls);
     }
 }
+
+// In a process of its own, so that its first case arms a fault before the function's first call.
+TEST_F(ContextTest, PlatformScripts) { zultest::RunScripts("platform_scripts.vec", ContextCalls); }
 
 void ReportToStderr(const char* file, unsigned int line, const char* text, bool fatal) {
     std::fprintf(stderr, "callback %s %u %s %d\n", file, line, text, fatal ? 1 : 0);

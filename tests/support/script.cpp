@@ -213,7 +213,11 @@ void RunScripts(const std::string& file, const Driver& driver) {
                     EXPECT_EQ(VKLTest_CallCount(c[0].raw.c_str()), static_cast<unsigned long>(c[1].Number()))
                         << c[0].raw;
                 } else if (key == "Queue") {
-                    EXPECT_EQ(TakeQueue(vkl), std::vector<std::string>{arg.Text()});
+                    std::vector<std::string> texts;
+                    for (const Arg& entry : Split(expanded)) {
+                        if (!entry.IsNull()) texts.push_back(entry.Text());
+                    }
+                    EXPECT_EQ(TakeQueue(vkl), texts);
                 }
             }
             // The objects go here, so that what their destructors report is checked too.

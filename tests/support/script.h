@@ -9,7 +9,7 @@
 //   Trace3 = "text"              traces of that level since the call, when given
 //   Fail = VKL_fn skip result    arms a VKL fault (once) before the next call
 //   Count = VKL_fn N             calls of a VKL function since the case began
-//   Queue = "text"               the entries left on VKL's error queue, taken
+//   Queue = "text" "text"        the entries left on VKL's error queue (- for none), taken
 //   NoVkl = 1 / Fips = 1 / Override = 0 / LogLevel = N, before the first call,
 //                                set up the context the case's objects are made on
 // Arguments are hex, "text" (\n for a line break), a number, - for null; a
