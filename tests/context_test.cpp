@@ -46,8 +46,7 @@ const char* OrNull(const zultest::Arg& arg, std::string& keep) {
     return arg.IsNull() ? nullptr : keep.c_str();
 }
 
-// Calls on the case's context, or on one made by "New" (after the platform was
-// set up for it by "Wex" and "Force").
+// Calls on the case's context, or on one made by "New".
 zultest::Calls ContextCalls(CZulCryptContext& given) {
     auto made = std::make_shared<std::unique_ptr<CZulCryptContext>>();
     auto context = [made, &given]() -> CZulCryptContext& { return *made ? **made : given; };
@@ -61,14 +60,6 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
     };
     auto usage = [](const zultest::Arg& arg) { return static_cast<EZulCryptAlgorithmUsage>(arg.Number()); };
     return {
-        {"Wex", [](const Args& a) { WEXTest_SetGetContextResult(a[0].Number()); return Ok(true); }},
-        {"Host", [](const Args& a) { WEXTest_SetSystemFips(static_cast<int>(a[0].Number())); return Ok(true); }},
-        {"Force",
-         [](const Args& a) {
-             VKLTest_SetStatus(a[0].raw.c_str(), static_cast<int>(a[1].Number()), static_cast<int>(a[2].Number()),
-                               a[3].Text().c_str());
-             return Ok(true);
-         }},
         {"New", [made](const Args&) { *made = std::make_unique<CZulCryptContext>(); return Ok(true); }},
         {"Initialise", [=](const Args&) { context().Initialise(); return Ok(true); }},
         {"Status", [=](const Args&) { return Ok(context().GetStatus()); }},

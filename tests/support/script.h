@@ -3,12 +3,15 @@
 //
 //   Call = SetType "SHA1"        runs the driver's call with its arguments;
 //                                Call = End destroys the case's objects
-//   Ok = 1                       its success; Result = N, Text = "..", Out = hex
+//   Ok = 1                       its success; Result = N, Text = "..", Out = hex,
+//                                OutHas = "text" (Out holds that text somewhere)
 //   Report = "text"              each error reported since the call, in order;
 //                                none may be reported when no Report line follows
 //   Trace3 = "text"              traces of that level since the call, when given
 //   Fail = VKL_fn skip result    arms a VKL fault (once) before the next call
 //   Count = VKL_fn N             calls of a VKL function since the case began
+//   Wex = N / Host = N           from here on, what WEXCryptGetContext returns and the host's
+//                                FIPS mode; Force = VKL_fn major minor "text" forces a record
 //   Queue = "text" "text"        the entries left on VKL's error queue (- for none), taken
 //   NoVkl = 1 / Fips = 1 / Override = 0 / LogLevel = N, before the first call,
 //                                set up the context the case's objects are made on
