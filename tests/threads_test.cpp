@@ -23,6 +23,7 @@ namespace {
 
 using zultest::FromHex;
 using zultest::Hex;
+using Bytes = std::vector<unsigned char>;
 
 constexpr int kThreads = 8;
 constexpr int kRounds = 50;
@@ -54,121 +55,74 @@ protected:
     CZulCryptContext context;
 };
 
-TEST_F(ThreadsTest, DigestsHmacsAndCiphersAgreeWithTheirVectors) {
+// Every kind of object, the signature with one key from all threads, and the
+// procedural interface over one shared context handle.
+TEST_F(ThreadsTest, EveryCapabilityAgreesWithItsVectors) {
     ASSERT_TRUE(context.GetStatus());
-    // FIPS 180-2 B.1; RFC 4231 test case 2; NIST SP 800-38A F.2.1 (first block).
-    const std::string sha256Abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-    const std::string hmacJefe = "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843";
-    const std::vector<unsigned char> aesKey = FromHex("2b7e151628aed2a6abf7158809cf4f3c");
-    const std::vector<unsigned char> aesIv = FromHex("000102030405060708090a0b0c0d0e0f");
-    const std::vector<unsigned char> aesPlain = FromHex("6bc1bee22e409f96e93d7e117393172a");
-    const std::string aesCipher = "7649abac8119b246cee98e9b12e9197d";
-
-    int wrong = RunOnThreads([&](int thread) {
-        // Each thread makes its own objects: objects are not shared, the context is.
-        CZulCryptMDContext md(context);
-        // Alternate names so that cache lookups and first fetches race.
-        const char* name = thread % 2 == 0 ? "SHA256" : "SHA-256";
-        unsigned char digest[64];
-        unsigned int digestLength = 0;
-        char abc[] = "abc";
-        bool ok = md.SetType(name) && md.AddData(abc, 3) && md.GetMessageDigest(digest, &digestLength) &&
-                  Hex(digest, digestLength) == sha256Abc;
-
-        const char key[] = "Jefe";
-        char message[] = "what do ya want for nothing?";
-        CZulCryptHMAC hmac(context, "SHA256", reinterpret_cast<const unsigned char*>(key), 4);
-        unsigned char mac[64];
-        unsigned int macLength = 0;
-        ok = ok && hmac.GetHMAC(reinterpret_cast<unsigned char*>(message), 28, mac, &macLength) &&
-             Hex(mac, macLength) == hmacJefe;
-
-        CZulCryptCipherContext cipher(context);
-        std::vector<unsigned char> in = aesPlain;
-        unsigned char out[64];
-        int outLength = 0;
-        ok = ok && cipher.SetEncryptType("AES-128-CBC", aesKey.data(), 16, aesIv.data(), 16) &&
-             cipher.SetPadding(false) && cipher.EncryptData(in.data(), 16, out, &outLength) &&
-             Hex(out, static_cast<size_t>(outLength)) == aesCipher;
-        return ok;
-    });
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(g_errors.load(), 0);
-}
-
-TEST_F(ThreadsTest, SignaturesAgreeWithOpensslsAndVerify) {
-    // A SHA-256 case of the fixed key's signatures made by the openssl command line.
-    zultest::VectorCase vector;
+    // A SHA-256 signature of the fixed key made by the openssl command line.
+    zultest::VectorCase rsa;
     for (const zultest::VectorCase& candidate : zultest::ReadVectors("rsa_signature.vec")) {
         if (candidate.Text("Digest") == "SHA256" && candidate.Number("Valid") == 1 && !candidate.Bytes("In").empty()) {
-            vector = candidate;
+            rsa = candidate;
             break;
         }
     }
-    ASSERT_TRUE(vector.Has("Out"));
-    const std::vector<unsigned char> n = vector.Bytes("N"), e = vector.Bytes("E"), d = vector.Bytes("D");
-    const std::vector<unsigned char> expected = vector.Bytes("Out");
-    const std::vector<unsigned char> message = vector.Bytes("In");
-
-    int wrong = RunOnThreads([&](int thread) {
-        std::vector<unsigned char> data = message;
-        if (thread % 2 == 0) {
-            CZulCryptSignature signer(context);
-            unsigned char signature[512];
-            unsigned int length = 0;
-            return signer.SetHashAndKey("SHA256", n.data(), static_cast<unsigned int>(n.size()), d.data(),
-                                        static_cast<unsigned int>(d.size())) &&
-                   signer.GetSignature(data.data(), static_cast<unsigned int>(data.size()), signature, &length) &&
-                   std::vector<unsigned char>(signature, signature + length) == expected;
-        }
-        CZulCryptSignature verifier(context);
-        std::vector<unsigned char> signature = expected;
-        return verifier.SetHashAndKey("SHA256", n.data(), static_cast<unsigned int>(n.size()), e.data(),
-                                      static_cast<unsigned int>(e.size())) &&
-               verifier.VerifySignature(data.data(), static_cast<unsigned int>(data.size()), signature.data(),
-                                        static_cast<unsigned int>(signature.size()));
-    });
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(g_errors.load(), 0);
-}
-
-TEST_F(ThreadsTest, ProceduralInterfaceFromEveryThread) {
-    // One context handle shared by all threads; each has its own object handles and status record.
+    ASSERT_TRUE(rsa.Has("Out"));
+    const Bytes n = rsa.Bytes("N"), e = rsa.Bytes("E"), d = rsa.Bytes("D"), signed_ = rsa.Bytes("Out");
     ZulVklCtxWrap* ctx = ZulVklCtxCreate();
     ASSERT_NE(ctx, nullptr);
-    // RFC 3414 A.3.2: maplesyrup localised to engine 00..02 under SHA-1.
-    const std::string password = "maplesyrup";
-    const std::vector<unsigned char> engine = FromHex("000000000000000000000002");
-    const std::string kul = "6695febc9288e36282235fc7151f128497b38f3f";
-    // RFC 2202 test case 2.
-    const std::string jefe = "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79";
+    // FIPS 180-2 B.1; RFC 4231 test case 2; NIST SP 800-38A F.2.1 (first block);
+    // RFC 3414 A.3.2 (maplesyrup localised to engine 00..02 under SHA-1); RFC 2202 test case 2.
+    const Bytes aesKey = FromHex("2b7e151628aed2a6abf7158809cf4f3c"), iv = FromHex("000102030405060708090a0b0c0d0e0f");
+    const Bytes engine = FromHex("000000000000000000000002");
+    const std::string jefe = "what do ya want for nothing?";
 
-    int wrong = RunOnThreads([&](int) {
+    int wrong = RunOnThreads([&](int thread) {
+        // Each thread makes its own objects: objects are not shared, the context is.
+        Bytes message = rsa.Bytes("In"), text(jefe.begin(), jefe.end()), abc = {'a', 'b', 'c'};
+        Bytes block = FromHex("6bc1bee22e409f96e93d7e117393172a");
+        unsigned char out[512];
+        unsigned int length = 0;
+        int written = 0;
+        CZulCryptMDContext md(context);
+        // Alternate names so that cache lookups and first fetches race.
+        bool ok = md.SetType(thread % 2 == 0 ? "SHA256" : "SHA-256") && md.AddData(abc.data(), 3) &&
+                  md.GetMessageDigest(out, &length) &&
+                  Hex(out, length) == "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+        CZulCryptHMAC hmac(context, "SHA256", reinterpret_cast<const unsigned char*>("Jefe"), 4);
+        ok = ok && hmac.GetHMAC(text.data(), 28, out, &length) &&
+             Hex(out, length) == "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843";
+        CZulCryptCipherContext cipher(context);
+        ok = ok && cipher.SetEncryptType("AES-128-CBC", aesKey.data(), 16, iv.data(), 16) &&
+             cipher.SetPadding(false) && cipher.EncryptData(block.data(), 16, out, &written) &&
+             Hex(out, static_cast<size_t>(written)) == "7649abac8119b246cee98e9b12e9197d";
+        CZulCryptSignature signer(context), verifier(context);
+        Bytes signature = signed_;
+        ok = ok && signer.SetHashAndKey("SHA256", n.data(), static_cast<unsigned>(n.size()), d.data(),
+                                        static_cast<unsigned>(d.size())) &&
+             signer.GetSignature(message.data(), static_cast<unsigned>(message.size()), out, &length) &&
+             Bytes(out, out + length) == signed_ &&
+             verifier.SetHashAndKey("SHA256", n.data(), static_cast<unsigned>(n.size()), e.data(),
+                                    static_cast<unsigned>(e.size())) &&
+             verifier.VerifySignature(message.data(), static_cast<unsigned>(message.size()), signature.data(),
+                                      static_cast<unsigned>(signature.size()));
+
         ZulVklStatusWrap* status = ZulVklStatusCreate();
-        ZulVklMdCtxWrap* md = ZulVklMdCtxCreate(ctx);
-        ZulVklHmacCtxWrap* hmac = ZulVklHmacCtxCreate(ctx);
-        unsigned char ku[20], local[20], mac[20];
-        ZulVklConstBuffer pw{reinterpret_cast<const unsigned char*>(password.data()),
-                             static_cast<uint32_t>(password.size())};
-        ZulVklBuffer kuOut{ku, 20};
-        ZulVklConstBuffer kuIn{ku, 20};
-        ZulVklConstBuffer engineId{engine.data(), static_cast<uint32_t>(engine.size())};
-        ZulVklBuffer localOut{local, 20};
-        bool ok = ZulVklMdGenerateKey(ctx, md, "SHA1", &pw, &kuOut, status) == 1 &&
-                  ZulVklMdLocaliseKey(ctx, md, "SHA1", &engineId, &kuIn, &localOut, status) == 1 &&
-                  Hex(local, 20) == kul;
-
-        const char key[] = "Jefe";
-        const char text[] = "what do ya want for nothing?";
-        ZulVklConstBuffer keyIn{reinterpret_cast<const unsigned char*>(key), 4};
-        ZulVklConstBuffer first{reinterpret_cast<const unsigned char*>(text), 10};
-        ZulVklConstBuffer second{reinterpret_cast<const unsigned char*>(text) + 10, 18};
+        ZulVklMdCtxWrap* handle = ZulVklMdCtxCreate(ctx);
+        ZulVklHmacCtxWrap* mac = ZulVklHmacCtxCreate(ctx);
+        unsigned char ku[20];
+        ZulVklConstBuffer pw{reinterpret_cast<const unsigned char*>("maplesyrup"), 10}, kuIn{ku, 20},
+            engineId{engine.data(), 12}, key{reinterpret_cast<const unsigned char*>("Jefe"), 4},
+            first{text.data(), 10}, second{text.data() + 10, 18};
+        ZulVklBuffer kuOut{ku, 20}, localOut{out, 20}, macOut{out, 0};
         ZulVklConstBuffer* pieces[] = {&first, &second};
-        ZulVklBuffer macOut{mac, 0};
-        ok = ok && ZulVklHmacGenerateDigest(ctx, hmac, "SHA1", pieces, 2, &keyIn, &macOut, status) == 1 &&
-             Hex(mac, macOut.length) == jefe;
-        ZulVklHmacCtxDestroy(ctx, hmac);
-        ZulVklMdCtxDestroy(ctx, md);
+        ok = ok && ZulVklMdGenerateKey(ctx, handle, "SHA1", &pw, &kuOut, status) == 1 &&
+             ZulVklMdLocaliseKey(ctx, handle, "SHA1", &engineId, &kuIn, &localOut, status) == 1 &&
+             Hex(out, 20) == "6695febc9288e36282235fc7151f128497b38f3f" &&
+             ZulVklHmacGenerateDigest(ctx, mac, "SHA1", pieces, 2, &key, &macOut, status) == 1 &&
+             Hex(out, macOut.length) == "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79";
+        ZulVklHmacCtxDestroy(ctx, mac);
+        ZulVklMdCtxDestroy(ctx, handle);
         ZulVklStatusDestroy(status);
         return ok;
     });
