@@ -23,9 +23,9 @@ public:
 
     // Chooses the cipher and keys it for one direction. True when ready; false
     // (reported, except for a policy refusal or a wrong ivLength) otherwise.
-    // key holds the cipher's default key length, or keyLength bytes when that is
-    // larger; keyLength 0 means the default. iv holds the cipher's IV length
-    // (ivLength is 0 or exactly that); a null iv is all zeros.
+    // key holds keyLength bytes (keyLength 0: the cipher's default length). iv holds the
+    // cipher's IV length (ivLength is 0 or exactly that); a null iv is all zeros. A
+    // non-default length is set before the key goes in, so VKL never reads the key later.
     bool SetType(const char* name, const unsigned char* key, int keyLength, const unsigned char* iv, int ivLength,
                  bool encrypt);
     bool SetEncryptType(const char* name, const unsigned char* key, int keyLength, const unsigned char* iv,
@@ -40,9 +40,8 @@ public:
     int GetDefaultKeyLengthForType(const char* name);
     int GetDefaultIvLengthForType(const char* name);
 
-    // After SetType: a new key length (a variable key length cipher is keyed again;
-    // a longer key is read from SetType's key, which must still be readable), or
-    // padding on or off. True when VKL accepted it; false otherwise (reported
+    // After SetType: a new key length (a variable key length cipher is keyed again from
+    // VKL's own copy; a length longer than the key given is refused), or padding on or off. True when VKL accepted it; false otherwise (reported
     // unless the object is unusable).
     bool SetKeyLength(int length);
     bool SetPadding(bool padding);

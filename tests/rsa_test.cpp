@@ -1,6 +1,7 @@
 // RSA keys and raw RSA: OpenSSL's block-type-1 vectors of a fixed key, round
 // trips with complete keys and with n and d only, key generation and its
 // retries, and the copying rules between keys and VKL records.
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -459,6 +460,92 @@ TEST_F(RsaTest, ContextWithoutVklIsRefusedByEveryClass) {
     }
     VKL_BN_free(vkl, vklNumber.m_pBigNum);
     VKL_RSA_free(vkl, rsa);
+}
+
+// Sizes VKL does not work with are refused at once with a clear text: a modulus too short
+// for PKCS #1 v1.5 padding (whose check once read past a one-byte modulus), one over
+// 16384 bits on every path (the (n, e) path always refused it), and key generation of
+// more bits (which never returned).
+struct SizeRow {
+    const char* what;
+    std::function<int(CZulCryptContext&)> run;  // the library's result
+    int result;
+    std::string report;  // VKL's text, passed on by the library
+};
+
+TEST_F(RsaTest, SizesOutsideTheBoundsAreRefused) {
+    const std::string tooShort = "the modulus has 8 bits, PKCS #1 v1.5 padding needs at least 88";
+    const std::string tooLarge = "error:02000069:rsa routines::modulus too large";
+    // Odd, so that the exponentiation itself would run: 187 = 11 * 17, and 16392 bits.
+    const std::vector<unsigned char> tinyN{0xBB}, three{0x03}, seven{0x07};
+    const std::vector<unsigned char> hugeN(2049, 0xFF), hugeD(2049, 0x55), e{0x01, 0x00, 0x01};
+    auto key = [](CZulCryptContext& context, CZulCryptRSAKey& rsaKey, const std::vector<unsigned char>& n,
+                  const std::vector<unsigned char>& exponent, bool isPrivate) {
+        CZulCryptBigNum modulus(context), other(context);
+        EXPECT_TRUE(modulus.SetNumber(static_cast<unsigned int>(n.size()), n.data()));
+        EXPECT_TRUE(other.SetNumber(static_cast<unsigned int>(exponent.size()), exponent.data()));
+        if (isPrivate) {
+            rsaKey.PopulateWithPrivate(&modulus, &other);
+        } else {
+            rsaKey.PopulateWithPublic(&modulus, &other);
+        }
+    };
+    using Operation = int (CZulCryptRSACalculator::*)(const unsigned char*, unsigned int, const CZulCryptRSAKey&,
+                                                       unsigned char*);
+    auto calculate = [&](Operation operation, const std::vector<unsigned char>& n,
+                         const std::vector<unsigned char>& exponent, bool isPrivate, unsigned int length) {
+        return [=](CZulCryptContext& context) {
+            CZulCryptRSAKey rsaKey(context);
+            key(context, rsaKey, n, exponent, isPrivate);
+            CZulCryptRSACalculator calculator(context);
+            const std::vector<unsigned char> in(length, 0x05);
+            std::vector<unsigned char> out(n.size() + 16, 0);
+            return (calculator.*operation)(in.data(), length, rsaKey, out.data());
+        };
+    };
+    const std::vector<SizeRow> rows = {
+        {"1-byte modulus, n and d, private decryption",
+         calculate(&CZulCryptRSACalculator::RSAPrivateDecrypt, tinyN, seven, true, 1), -1,
+         "VKL_RSA_private_decrypt: " + tooShort},
+        {"1-byte modulus, n and d, private encryption",
+         calculate(&CZulCryptRSACalculator::RSAPrivateEncrypt, tinyN, seven, true, 0), -1,
+         "VKL_RSA_private_encrypt: " + tooShort},
+        {"1-byte modulus, n and e, public encryption",
+         calculate(&CZulCryptRSACalculator::RSAPublicEncrypt, tinyN, three, false, 0), -1,
+         "VKL_RSA_public_encrypt: " + tooShort},
+        {"1-byte modulus, n and e, public decryption",
+         calculate(&CZulCryptRSACalculator::RSAPublicDecrypt, tinyN, three, false, 1), -1,
+         "VKL_RSA_public_decrypt: " + tooShort},
+        {"16392-bit modulus, n and d, private encryption",
+         calculate(&CZulCryptRSACalculator::RSAPrivateEncrypt, hugeN, hugeD, true, 10), -1, tooLarge},
+        {"16392-bit modulus, n and d, private decryption",
+         calculate(&CZulCryptRSACalculator::RSAPrivateDecrypt, hugeN, hugeD, true, 2049), -1, tooLarge},
+        {"16392-bit modulus, n and e, public encryption (as before)",
+         calculate(&CZulCryptRSACalculator::RSAPublicEncrypt, hugeN, e, false, 10), -1, tooLarge},
+        {"70000-bit key generation",
+         [](CZulCryptContext& context) {
+             CZulCryptRSAKey rsaKey(context);
+             rsaKey.GenerateKey(70000, 65537);
+             return static_cast<int>(rsaKey.KeySize());
+         },
+         0, "VKL_RSA_generate_key: 70000 bits asked, at most 16384 are supported"},
+    };
+    for (const SizeRow& row : rows) {
+        SCOPED_TRACE(row.what);
+        diagnostics->Clear();
+        const auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(row.run(*context), row.result);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5)) << "refused at once";
+        // Generation tries again after a failure; each try is refused alike.
+        std::vector<std::string> reports = diagnostics->ErrorTexts();
+        ASSERT_FALSE(reports.empty());
+        for (const std::string& report : reports) {
+            if (report.rfind("Exceeded max attempts", 0) != 0) {
+                EXPECT_EQ(report, row.report);
+            }
+        }
+        EXPECT_EQ(VKL_ERR_get_error(vkl), 0u) << "nothing left on the queue";
+    }
 }
 
 }  // namespace

@@ -7,6 +7,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/param_build.h>
+#include <openssl/provider.h>
+#include <openssl/rsa.h>
+
 #include <czulcryptcontext.h>
 #include <czulcryptsignature.h>
 #include <vkl.h>
@@ -125,6 +133,165 @@ TEST_F(SignatureTest, VklSignsAlikeWithAndWithoutPublicExponent) {
         // The hash is finished: signing again needs a new init.
         EXPECT_EQ(VKL_EVP_SignFinal(vkl, ctx, out, &length, pkey), 0);
         EXPECT_EQ(VKL_ERR_get_error(vkl) != 0, true);
+        EXPECT_EQ(VKL_EVP_MD_CTX_free(vkl, ctx), 1);
+        VKL_EVP_PKEY_free(vkl, pkey);
+    }
+}
+
+// OpenSSL itself, in a library context of its own with the providers VKL loads: the
+// signature `openssl pkeyutl -sign -pkeyopt digest:<name>` makes of <name>(message)
+// with the fixed key. Empty when OpenSSL will not sign with the digest.
+class OpenSslSigner {
+public:
+    OpenSslSigner(const std::vector<unsigned char>& n, const std::vector<unsigned char>& e,
+                  const std::vector<unsigned char>& d)
+        : m_libctx(OSSL_LIB_CTX_new()),
+          m_default(OSSL_PROVIDER_load(m_libctx, "default")),
+          m_legacy(OSSL_PROVIDER_load(m_libctx, "legacy")) {
+        OSSL_PARAM_BLD* bld = OSSL_PARAM_BLD_new();
+        BIGNUM* numbers[3] = {BN_bin2bn(n.data(), static_cast<int>(n.size()), nullptr),
+                              BN_bin2bn(e.data(), static_cast<int>(e.size()), nullptr),
+                              BN_bin2bn(d.data(), static_cast<int>(d.size()), nullptr)};
+        OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_N, numbers[0]);
+        OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_E, numbers[1]);
+        OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_D, numbers[2]);
+        OSSL_PARAM* params = OSSL_PARAM_BLD_to_param(bld);
+        EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_from_name(m_libctx, "RSA", nullptr);
+        if (ctx == nullptr || EVP_PKEY_fromdata_init(ctx) != 1 ||
+            EVP_PKEY_fromdata(ctx, &m_key, EVP_PKEY_KEYPAIR, params) != 1) {
+            m_key = nullptr;
+        }
+        EVP_PKEY_CTX_free(ctx);
+        OSSL_PARAM_free(params);
+        for (BIGNUM* number : numbers) BN_clear_free(number);
+        OSSL_PARAM_BLD_free(bld);
+    }
+    ~OpenSslSigner() {
+        EVP_PKEY_free(m_key);
+        OSSL_PROVIDER_unload(m_legacy);
+        OSSL_PROVIDER_unload(m_default);
+        OSSL_LIB_CTX_free(m_libctx);
+    }
+    OpenSslSigner(const OpenSslSigner&) = delete;
+    OpenSslSigner& operator=(const OpenSslSigner&) = delete;
+
+    bool Ready() const { return m_key != nullptr; }
+
+    std::vector<unsigned char> Sign(const char* digest, const std::vector<unsigned char>& message) {
+        std::vector<unsigned char> signature;
+        EVP_MD* md = EVP_MD_fetch(m_libctx, digest, nullptr);
+        unsigned char hash[EVP_MAX_MD_SIZE];
+        unsigned int hashLength = 0;
+        EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_from_pkey(m_libctx, m_key, nullptr);
+        size_t length = static_cast<size_t>(EVP_PKEY_get_size(m_key));
+        signature.resize(length);
+        if (md == nullptr || EVP_Digest(message.data(), message.size(), hash, &hashLength, md, nullptr) != 1 ||
+            ctx == nullptr || EVP_PKEY_sign_init(ctx) != 1 ||
+            EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) != 1 || EVP_PKEY_CTX_set_signature_md(ctx, md) != 1 ||
+            EVP_PKEY_sign(ctx, signature.data(), &length, hash, hashLength) != 1) {
+            length = 0;
+        }
+        signature.resize(length);
+        EVP_PKEY_CTX_free(ctx);
+        EVP_MD_free(md);
+        ERR_clear_error();
+        return signature;
+    }
+
+private:
+    OSSL_LIB_CTX* m_libctx;
+    OSSL_PROVIDER* m_default;
+    OSSL_PROVIDER* m_legacy;
+    EVP_PKEY* m_key = nullptr;
+};
+
+struct DigestRow {
+    const char* digest;
+    // Empty: signed as OpenSSL signs and verified; else the refusal of signing and verifying.
+    const char* refusal;
+};
+
+// Every digest VKL knows is either signed exactly as OpenSSL signs it (MD4 with OpenSSL's
+// own DigestInfo) and verified, or refused for signing and verifying alike with a clear
+// text, as OpenSSL refuses it.
+TEST_F(SignatureTest, EveryDigestSignsAsOpenSslOrIsRefused) {
+    const std::vector<DigestRow> rows = {
+        {"MD4", ""},
+        {"MD5", ""},
+        {"MD5-SHA1", ""},
+        {"RIPEMD160", ""},
+        {"SHA1", ""},
+        {"SHA224", ""},
+        {"SHA256", ""},
+        {"SHA384", ""},
+        {"SHA512", ""},
+        {"SHA512-224", ""},
+        {"SHA512-256", ""},
+        {"SHA3-224", ""},
+        {"SHA3-256", ""},
+        {"SHA3-384", ""},
+        {"SHA3-512", ""},
+        {"BLAKE2b512", "digest BLAKE2b512 cannot be used in a PKCS #1 v1.5 signature"},
+        {"BLAKE2s256", "digest BLAKE2s256 cannot be used in a PKCS #1 v1.5 signature"},
+        {"SHAKE128", "digest SHAKE128 cannot be used in a PKCS #1 v1.5 signature"},
+        {"SHAKE256", "digest SHAKE256 cannot be used in a PKCS #1 v1.5 signature"},
+        {"SM3", "digest SM3 cannot be used in a PKCS #1 v1.5 signature"},
+        {"whirlpool", "digest whirlpool cannot be used in a PKCS #1 v1.5 signature"},
+    };
+    OpenSslSigner openssl(n, e, d);
+    ASSERT_TRUE(openssl.Ready());
+    VKL_t* vkl = context->GetContext()->m_pCtx;
+    for (const DigestRow& row : rows) {
+        SCOPED_TRACE(row.digest);
+        diagnostics->Clear();
+        const std::vector<unsigned char> expected = openssl.Sign(row.digest, message);
+        const std::string refusal = row.refusal;
+        EXPECT_EQ(expected.empty(), !refusal.empty()) << "OpenSSL signs exactly the digests VKL signs";
+
+        CZulCryptSignature signer(*context);
+        CZulCryptSignature verifier(*context);
+        ASSERT_TRUE(Configure(signer, row.digest, d));
+        ASSERT_TRUE(Configure(verifier, row.digest, e));
+        std::vector<unsigned char> signature(256, 0);
+        unsigned int length = 1234;
+        const bool signedOk = signer.GetSignature(message.data(), 100, signature.data(), &length);
+        if (refusal.empty()) {
+            ASSERT_TRUE(signedOk);
+            EXPECT_EQ(zultest::Hex(signature.data(), length), zultest::Hex(expected));
+            EXPECT_TRUE(verifier.VerifySignature(message.data(), 100, signature.data(), length));
+            EXPECT_THAT(diagnostics->errors, IsEmpty());
+        } else {
+            EXPECT_FALSE(signedOk);
+            EXPECT_EQ(length, 1234u);
+            // Any signature at all: the digest is refused before it is looked at.
+            EXPECT_FALSE(verifier.VerifySignature(message.data(), 100, signature.data(), 256));
+            EXPECT_THAT(diagnostics->ErrorTexts(), ElementsAre("VKL_EVP_SignFinal: " + refusal,
+                                                               "VKL_EVP_VerifyFinal: " + refusal));
+        }
+
+        // VKL's other way of signing, through OpenSSL's RSA when the record holds e, agrees.
+        VKL_RSA_t* rsa = VKL_RSA_new(vkl);
+        ASSERT_NE(rsa, nullptr);
+        rsa->n = VKL_BN_bin2bn(vkl, n.data(), static_cast<int>(n.size()), nullptr);
+        rsa->e = VKL_BN_bin2bn(vkl, e.data(), static_cast<int>(e.size()), nullptr);
+        rsa->d = VKL_BN_bin2bn(vkl, d.data(), static_cast<int>(d.size()), nullptr);
+        VKL_EVP_PKEY_t* pkey = VKL_EVP_PKEY_new(vkl);
+        ASSERT_EQ(VKL_EVP_PKEY_set1_RSA(vkl, pkey, rsa), 1);
+        VKL_RSA_free(vkl, rsa);
+        VKL_EVP_MD_CTX_t* ctx = VKL_EVP_MD_CTX_new(vkl);
+        ASSERT_EQ(VKL_EVP_DigestInit(vkl, ctx, VKL_EVP_get_digestbyname(vkl, row.digest)), 1);
+        ASSERT_EQ(VKL_EVP_DigestUpdate(vkl, ctx, message.data(), message.size()), 1);
+        unsigned char out[256];
+        length = 0;
+        const int withE = VKL_EVP_SignFinal(vkl, ctx, out, &length, pkey);
+        if (refusal.empty()) {
+            EXPECT_EQ(withE, 1);
+            EXPECT_EQ(zultest::Hex(out, length), zultest::Hex(expected));
+            EXPECT_THAT(zultest::TakeQueue(vkl), IsEmpty());
+        } else {
+            EXPECT_EQ(withE, 0);
+            EXPECT_THAT(zultest::TakeQueue(vkl), ElementsAre("VKL_EVP_SignFinal: " + refusal));
+        }
         EXPECT_EQ(VKL_EVP_MD_CTX_free(vkl, ctx), 1);
         VKL_EVP_PKEY_free(vkl, pkey);
     }

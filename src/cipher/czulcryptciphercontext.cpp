@@ -117,14 +117,19 @@ bool CZulCryptCipherContext::SetType(const char* name, const unsigned char* key,
     }
     int defaultLength = keyLength != 0 ? VKL_EVP_CIPHER_key_length(vkl, *m_pCipher) : 0;
     VKL_EVP_CIPHER_CTX_t* ctx = m_pCipherCtxWrap->m_pCipherCtx;
-    int initialised = encrypt ? VKL_EVP_EncryptInit(vkl, ctx, *m_pCipher, key, m_pIv)
-                              : VKL_EVP_DecryptInit(vkl, ctx, *m_pCipher, key, m_pIv);
-    if (initialised == 1 && keyLength != defaultLength) {
-        if (VKL_EVP_CIPHER_CTX_set_key_length(vkl, ctx, keyLength) == 1) return true;
+    auto init = encrypt ? VKL_EVP_EncryptInit : VKL_EVP_DecryptInit;
+    // A non-default length is set between an init without the key and the init that brings
+    // it (OpenSSL's order): VKL reads the key only during that init, exactly keyLength bytes.
+    const bool otherLength = keyLength != defaultLength;
+    if (otherLength && init(vkl, ctx, *m_pCipher, nullptr, m_pIv) != 1) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return false;
     }
-    if (initialised != 1) {
+    if (otherLength && VKL_EVP_CIPHER_CTX_set_key_length(vkl, ctx, keyLength) != 1) {
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+        return false;
+    }
+    if (init(vkl, ctx, otherLength ? nullptr : *m_pCipher, key, m_pIv) != 1) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return false;
     }

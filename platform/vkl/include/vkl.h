@@ -135,8 +135,10 @@ int VKL_EVP_CIPHER_CTX_free(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx);
 const VKL_EVP_CIPHER_t* VKL_EVP_CIPHER_CTX_cipher(VKL_t* vkl, const VKL_EVP_CIPHER_CTX_t* ctx);
 /* Sets the key length of a variable-length cipher; 1 on success, -2 when the cipher does not take it.
  * After an init without key the next init brings the key. After an init with a key the context is
- * keyed again at the new length: a shorter key is the start of the one given, a longer one is read
- * from the key buffer of that init, which must then still be readable and hold length bytes. */
+ * keyed again at the new length from VKL's own copy of the bytes that init read (the length then in
+ * force, the default unless set before): a length up to that many takes the start of them; a longer
+ * one is refused (-2, the context stays as it was), as VKL never reads the caller's key buffer after
+ * the init returns. For a longer key, set the length before the init that brings the key. */
 int VKL_EVP_CIPHER_CTX_set_key_length(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int length);
 /* Padding on (1) or off (0); 1 on success. */
 int VKL_EVP_CIPHER_CTX_set_padding(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int padding);
@@ -226,7 +228,7 @@ VKL_RSA_t* VKL_RSA_new(VKL_t* vkl);
 /* Drops one reference; the last one wipes and releases the numbers and the record. Null is allowed. */
 void VKL_RSA_free(VKL_t* vkl, VKL_RSA_t* rsa);
 /* A new complete key (all eight fields) of bits bits and public exponent e, or null.
- * The progress callback is accepted for compatibility and never called. */
+ * More than 16384 bits are refused. The progress callback is accepted for compatibility and never called. */
 VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e,
                                 void (*callback)(int, int, void*), void* callbackArgument);
 /* 1 when the record is a consistent private key (n, e, d, and the CRT values when present);
@@ -234,7 +236,8 @@ VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e,
 int VKL_RSA_check_key(VKL_t* vkl, const VKL_RSA_t* rsa);
 /* Raw RSA with PKCS #1 v1.5 padding (the only padding offered). to needs room for the
  * modulus length. The public forms need n and e; the private forms need n and d and use
- * the CRT values when all five are present. Return the count written to to, or -1. */
+ * the CRT values when all five are present. The modulus has 88 to 16384 bits (at least the
+ * 11 bytes of the padding); others are refused. Return the count written to to, or -1. */
 int VKL_RSA_public_encrypt(VKL_t* vkl, int length, const unsigned char* from, unsigned char* to,
                            VKL_RSA_t* rsa, int padding);
 int VKL_RSA_public_decrypt(VKL_t* vkl, int length, const unsigned char* from, unsigned char* to,
@@ -253,11 +256,14 @@ void VKL_EVP_PKEY_free(VKL_t* vkl, VKL_EVP_PKEY_t* pkey);
 int VKL_EVP_PKEY_set1_RSA(VKL_t* vkl, VKL_EVP_PKEY_t* pkey, VKL_RSA_t* rsa);
 /* Finishes the hash in ctx and signs it with PKCS #1 v1.5 (needs n and d); writes the
  * signature (the modulus length) and its length. 1 on success, 0 on failure. The hash is
- * finished either way. */
+ * finished either way. The signature is OpenSSL's for the same key and digest, DigestInfo
+ * included; the digests OpenSSL does not sign with (BLAKE2, SHAKE, SM3, whirlpool, ...) are
+ * refused with "<function>: digest <name> cannot be used in a PKCS #1 v1.5 signature". */
 int VKL_EVP_SignFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* signature, unsigned int* length,
                       VKL_EVP_PKEY_t* pkey);
 /* Finishes the hash in ctx and checks a PKCS #1 v1.5 signature over it (needs n and e).
- * 1 when valid, 0 when it does not match (queued as such), -1 on any other failure. */
+ * 1 when valid, 0 when it does not match (queued as such), -1 on any other failure; the
+ * digests VKL_EVP_SignFinal refuses are refused here alike. */
 int VKL_EVP_VerifyFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const unsigned char* signature, unsigned int length,
                         VKL_EVP_PKEY_t* pkey);
 

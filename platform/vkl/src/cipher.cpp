@@ -13,26 +13,28 @@
 #include "vkl_context.h"
 
 // A cipher context remembers the descriptor it was initialised with, so the
-// queries on it cost nothing. It also keeps what a key length change after a
-// keyed init needs to key a variable key length cipher (RC4, Blowfish) again:
-// OpenSSL schedules the key at the init, with the default length, and drops it
-// when the length changes.
+// queries on it cost nothing. For a variable key length cipher (RC4, Blowfish) it
+// also keeps a copy of the key bytes its latest keyed init read: OpenSSL schedules
+// the key at the init, with the context's key length, and drops it when the length
+// changes, so a shorter length is keyed again from the copy. The caller's buffer is
+// never read after the init returns; a length longer than the copy is refused.
 struct VKL_EVP_CIPHER_CTX_s {
     vkl::CipherCtxPtr ctx;
     const VKL_EVP_CIPHER_s* cipher = nullptr;
     int encrypt = 1;
-    const unsigned char* keyGiven = nullptr;  // the caller's key of the latest keyed init
-    int keyKept = 0;
+    int keyKept = 0;  // bytes of key held: what the latest keyed init read, 0 when not keyed
     int ivKept = 0;
     unsigned char key[EVP_MAX_KEY_LENGTH];
     unsigned char iv[EVP_MAX_IV_LENGTH];
 
+    void ForgetKey() {
+        OPENSSL_cleanse(key, static_cast<size_t>(keyKept));
+        keyKept = 0;
+    }
     void Forget() {
         cipher = nullptr;
-        keyGiven = nullptr;
-        OPENSSL_cleanse(key, static_cast<size_t>(keyKept));
+        ForgetKey();
         OPENSSL_cleanse(iv, static_cast<size_t>(ivKept));
-        keyKept = 0;
         ivKept = 0;
     }
     ~VKL_EVP_CIPHER_CTX_s() { Forget(); }
@@ -72,6 +74,8 @@ int Init(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const VKL_EVP_CIPHER_t* cipher, 
     // A null cipher must reach OpenSSL as null: it keeps a key length set since.
     const EVP_CIPHER* fresh = cipher != nullptr ? cipher->cipher.get() : nullptr;
     if (EVP_CipherInit_ex2(ctx->ctx.get(), fresh, key, iv, encrypt, nullptr) != 1) {
+        // Whatever key OpenSSL holds now, the copy no longer stands for it.
+        if (key != nullptr) ctx->ForgetKey();
         QueueErrorIfEmpty(function, "initialisation failed");
         return -2;
     }
@@ -84,9 +88,10 @@ int Init(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, const VKL_EVP_CIPHER_t* cipher, 
     // it; the others (SNMPv3's, one context per message) skip the copies.
     if (!chosen->variableKeyLength) return 1;
     if (key != nullptr) {
-        ctx->keyGiven = key;
-        ctx->keyKept = std::min(EVP_CIPHER_CTX_get_key_length(ctx->ctx.get()), static_cast<int>(sizeof ctx->key));
-        std::memcpy(ctx->key, key, static_cast<size_t>(ctx->keyKept));
+        ctx->ForgetKey();
+        const int read = std::min(EVP_CIPHER_CTX_get_key_length(ctx->ctx.get()), static_cast<int>(sizeof ctx->key));
+        std::memcpy(ctx->key, key, static_cast<size_t>(read));
+        ctx->keyKept = read;
     }
     if (iv != nullptr) {
         ctx->ivKept = std::min(chosen->ivLength, static_cast<int>(sizeof ctx->iv));
@@ -176,22 +181,26 @@ int VKL_EVP_CIPHER_CTX_set_key_length(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int
         return -2;
     }
     if (length == EVP_CIPHER_CTX_get_key_length(ctx->ctx.get())) return 1;
+    // The bytes past the copy were never read from the caller, and the caller's buffer
+    // may be gone: refused before anything changes, the context stays keyed as it was.
+    if (ctx->keyKept > 0 && length > ctx->keyKept) {
+        vkl::QueueError(std::string(__func__) + ": " + std::to_string(length) + " bytes asked, but the init read " +
+                        std::to_string(ctx->keyKept) +
+                        " of the key; set the length before the init that brings the key");
+        return -2;
+    }
     if (length <= 0 || length > EVP_MAX_KEY_LENGTH ||
         EVP_CIPHER_CTX_set_key_length(ctx->ctx.get(), length) != 1) {
         vkl::QueueErrorIfEmpty(__func__, "invalid key length for the cipher");
         return -2;
     }
-    if (ctx->keyGiven == nullptr) return 1;
-    // Keyed already: key it again at the new length. A shorter key is a prefix
-    // of the one kept; a longer one must come from the caller's key buffer.
-    const unsigned char* source = length <= ctx->keyKept ? ctx->key : ctx->keyGiven;
-    if (EVP_CipherInit_ex2(ctx->ctx.get(), nullptr, source, ctx->ivKept > 0 ? ctx->iv : nullptr, ctx->encrypt,
+    if (ctx->keyKept == 0) return 1;
+    // Keyed already: key it again at the new length, from the copy of the key.
+    if (EVP_CipherInit_ex2(ctx->ctx.get(), nullptr, ctx->key, ctx->ivKept > 0 ? ctx->iv : nullptr, ctx->encrypt,
                            nullptr) != 1) {
         vkl::QueueErrorIfEmpty(__func__, "keying at the new length failed");
         return -2;
     }
-    if (source != ctx->key) std::memcpy(ctx->key, source, static_cast<size_t>(length));
-    ctx->keyKept = length;
     return 1;
 }
 

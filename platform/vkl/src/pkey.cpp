@@ -24,26 +24,59 @@ struct VKL_EVP_PKEY_s {
 namespace vkl {
 namespace {
 
-// DER DigestInfo of RFC 8017 section 9.2: SEQUENCE { SEQUENCE { OID, NULL }, OCTET STRING hash }.
-// Every length fits in one byte for the digests OpenSSL offers (at most 64-byte hashes).
-bool DigestInfo(int nid, const unsigned char* hash, unsigned int hashLength, std::vector<unsigned char>& out,
-                const char* function) {
-    const ASN1_OBJECT* oid = OBJ_nid2obj(nid);
-    const int oidLength = oid != nullptr ? OBJ_length(oid) : 0;
-    if (oidLength <= 0 || oidLength > 32 || hashLength > 64) {
-        QueueError(std::string(function) + ": no DigestInfo for digest " + std::to_string(nid));
-        return false;
+// The DigestInfo prefixes (RFC 8017 section 9.2, note 1) of the digests OpenSSL's RSA
+// signs and verifies with PKCS #1 v1.5 padding, byte for byte as OpenSSL writes them:
+// its MD4 entry names the OID 1.2.840.113549.2.3, not MD4's own (...2.4), and MD5-SHA1
+// (TLS 1.0 and 1.1) signs the bare 36 bytes. A digest not listed here is refused for
+// signing and verifying alike: what VKL signs, it can verify.
+struct DigestInfoPrefix {
+    int nid;
+    unsigned int hashLength;
+    unsigned int length;
+    unsigned char bytes[19];
+};
+
+constexpr DigestInfoPrefix kDigestInfos[] = {
+    {NID_md4, 16, 18, {0x30, 0x20, 0x30, 0x0c, 0x06, 0x08, 0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x02, 0x03, 0x05, 0x00,
+                       0x04, 0x10}},
+    {NID_md5, 16, 18, {0x30, 0x20, 0x30, 0x0c, 0x06, 0x08, 0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x02, 0x05, 0x05, 0x00,
+                       0x04, 0x10}},
+    {NID_md5_sha1, 36, 0, {}},
+    {NID_ripemd160, 20, 15, {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2b, 0x24, 0x03, 0x02, 0x01, 0x05, 0x00, 0x04, 0x14}},
+    {NID_sha1, 20, 15, {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2b, 0x0e, 0x03, 0x02, 0x1a, 0x05, 0x00, 0x04, 0x14}},
+#define VKL_NIST_HASH(nid, last, hashLength)                                                                      \
+    {nid, hashLength, 19, {0x30, static_cast<unsigned char>(0x11 + (hashLength)), 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, \
+                           0x48, 0x01, 0x65, 0x03, 0x04, 0x02, last, 0x05, 0x00, 0x04, hashLength}}
+    VKL_NIST_HASH(NID_sha256, 0x01, 32),
+    VKL_NIST_HASH(NID_sha384, 0x02, 48),
+    VKL_NIST_HASH(NID_sha512, 0x03, 64),
+    VKL_NIST_HASH(NID_sha224, 0x04, 28),
+    VKL_NIST_HASH(NID_sha512_224, 0x05, 28),
+    VKL_NIST_HASH(NID_sha512_256, 0x06, 32),
+    VKL_NIST_HASH(NID_sha3_224, 0x07, 28),
+    VKL_NIST_HASH(NID_sha3_256, 0x08, 32),
+    VKL_NIST_HASH(NID_sha3_384, 0x09, 48),
+    VKL_NIST_HASH(NID_sha3_512, 0x0a, 64),
+#undef VKL_NIST_HASH
+};
+
+// The prefix for the digest, or null with "<function>: digest <name> cannot be used in a
+// PKCS #1 v1.5 signature" queued.
+const DigestInfoPrefix* SignableDigest(const VKL_EVP_MD_s* md, const char* function) {
+    for (const DigestInfoPrefix& entry : kDigestInfos) {
+        if (entry.nid == md->nid && entry.hashLength == static_cast<unsigned int>(md->size)) return &entry;
     }
-    // Content lengths: the algorithm holds the OID and NULL, each with its two-byte header.
-    const unsigned int algorithm = 2 + static_cast<unsigned int>(oidLength) + 2;
-    out.clear();
-    out.insert(out.end(), {0x30, static_cast<unsigned char>(2 + algorithm + 2 + hashLength)});
-    out.insert(out.end(), {0x30, static_cast<unsigned char>(algorithm), 0x06, static_cast<unsigned char>(oidLength)});
-    const unsigned char* body = OBJ_get0_data(oid);
-    out.insert(out.end(), body, body + oidLength);
-    out.insert(out.end(), {0x05, 0x00, 0x04, static_cast<unsigned char>(hashLength)});
-    out.insert(out.end(), hash, hash + hashLength);
-    return true;
+    const char* name = md->nid != NID_undef ? OBJ_nid2sn(md->nid) : nullptr;
+    if (name == nullptr) name = EVP_MD_get0_name(md->md.get());
+    QueueError(std::string(function) + ": digest " + (name != nullptr ? name : "?") +
+               " cannot be used in a PKCS #1 v1.5 signature");
+    return nullptr;
+}
+
+// T of RFC 8017 section 9.2: the DigestInfo prefix followed by the hash.
+void DigestInfo(const DigestInfoPrefix& prefix, const unsigned char* hash, std::vector<unsigned char>& out) {
+    out.assign(prefix.bytes, prefix.bytes + prefix.length);
+    out.insert(out.end(), hash, hash + prefix.hashLength);
 }
 
 bool HaveKey(VKL_t* vkl, const VKL_EVP_PKEY_s* pkey, const char* function) {
@@ -57,11 +90,13 @@ bool HaveKey(VKL_t* vkl, const VKL_EVP_PKEY_s* pkey, const char* function) {
 // The signing of OpenSSL's RSA when the key imports; by hand, to the same bytes, when it holds no e.
 bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsigned char* hash,
           unsigned int hashLength, unsigned char* signature, unsigned int* length, const char* function) {
-    if (!HasPrivateKey(rsa, function)) return false;
+    if (!HasPrivateKey(rsa, function) || !ModulusSizeUsable(rsa, function)) return false;
+    const DigestInfoPrefix* prefix = SignableDigest(md, function);
+    if (prefix == nullptr) return false;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     if (rsa->e == nullptr) {
         std::vector<unsigned char> t;
-        if (!DigestInfo(md->nid, hash, hashLength, t, function)) return false;
+        DigestInfo(*prefix, hash, t);
         if (t.size() + 11 > k) {
             ERR_raise(ERR_LIB_RSA, RSA_R_DIGEST_TOO_BIG_FOR_RSA_KEY);
             return false;
@@ -148,7 +183,8 @@ int VKL_EVP_VerifyFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const unsigned char* 
     unsigned char hash[EVP_MAX_MD_SIZE];
     unsigned int hashLength = 0;
     const VKL_EVP_MD_s* md = nullptr;
-    if (!vkl::FinishDigest(vkl, ctx, hash, &hashLength, &md, __func__) || !vkl::HaveKey(vkl, pkey, __func__)) {
+    if (!vkl::FinishDigest(vkl, ctx, hash, &hashLength, &md, __func__) || !vkl::HaveKey(vkl, pkey, __func__) ||
+        vkl::SignableDigest(md, __func__) == nullptr) {
         return -1;
     }
     vkl::PkeyPtr key = vkl::ToOpenSslKey(vkl, pkey->rsa, false, __func__);

@@ -37,7 +37,10 @@ unsigned int MaskLess(unsigned int a, unsigned int b) {
 
 // Message length of a block-type-2 encoding, -1 when malformed. Scans every byte the
 // same way whatever the padding holds, so its time does not tell where the check failed.
+// RawRsa refuses moduli shorter than kMinModulusBytes first; the guard keeps the reads
+// inside em all the same.
 int CheckType2(const unsigned char* em, size_t k) {
+    if (k < static_cast<size_t>(kMinModulusBytes)) return -1;
     unsigned int good = MaskIsZero(em[0]) & MaskEqual(em[1], 2);
     unsigned int found = 0;
     unsigned int zeroAt = 0;
@@ -115,6 +118,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
     }
     const bool isPrivate = operation == Operation::kPrivateEncrypt || operation == Operation::kPrivateDecrypt;
     if (isPrivate ? !HasPrivateKey(rsa, function) : !HasPublicKey(rsa, function)) return -1;
+    if (!ModulusSizeUsable(rsa, function)) return -1;
     ErrorScope errors;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     const size_t inLength = static_cast<size_t>(length);
@@ -249,6 +253,20 @@ void ReleaseRecord(VKL_RSA_t* rsa) {
 
 int ModulusBytes(const VKL_RSA_t* rsa) { return BN_num_bytes(rsa->n->bn.get()); }
 
+bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function) {
+    const int bits = BN_num_bits(rsa->n->bn.get());
+    if (bits > kMaxModulusBits) {
+        ERR_raise(ERR_LIB_RSA, RSA_R_MODULUS_TOO_LARGE);
+        return false;
+    }
+    if (ModulusBytes(rsa) < kMinModulusBytes) {
+        QueueError(std::string(function) + ": the modulus has " + std::to_string(bits) +
+                   " bits, PKCS #1 v1.5 padding needs at least " + std::to_string(8 * kMinModulusBytes));
+        return false;
+    }
+    return true;
+}
+
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function) {
     if (rsa == nullptr || rsa->n == nullptr) {
         QueueError(std::string(function) + ": the key has no modulus");
@@ -373,6 +391,13 @@ VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e, void (*)(
         vkl::QueueError(std::string(__func__) + ": no VKL context");
         return nullptr;
     }
+    // OpenSSL generates keys of any size, and one of tens of thousands of bits takes
+    // days; VKL could not use it anyway.
+    if (bits > vkl::kMaxModulusBits) {
+        vkl::QueueError(std::string(__func__) + ": " + std::to_string(bits) + " bits asked, at most " +
+                        std::to_string(vkl::kMaxModulusBits) + " are supported");
+        return nullptr;
+    }
     vkl::ErrorScope errors;
     vkl::PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(vkl->libctx.get(), "RSA", nullptr));
     vkl::BnPtr exponent(BN_new());
@@ -412,6 +437,11 @@ int VKL_RSA_check_key(VKL_t* vkl, const VKL_RSA_t* rsa) {
     VKL_ENTER(int);
     if (vkl == nullptr) {
         vkl::QueueError(std::string(__func__) + ": no VKL context");
+        return 0;
+    }
+    // A key no operation takes is not checked either: the primes of a huge one take long to test.
+    if (rsa != nullptr && rsa->n != nullptr && BN_num_bits(rsa->n->bn.get()) > vkl::kMaxModulusBits) {
+        ERR_raise(ERR_LIB_RSA, RSA_R_MODULUS_TOO_LARGE);
         return 0;
     }
     vkl::PkeyPtr pkey = vkl::ToOpenSslKey(vkl, rsa, true, __func__);

@@ -50,6 +50,16 @@ bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 // Modulus length in bytes.
 int ModulusBytes(const VKL_RSA_t* rsa);
 
+// The largest modulus VKL works with, OpenSSL's bound for its public operations.
+constexpr int kMaxModulusBits = 16384;
+// The smallest modulus PKCS #1 v1.5 padding fits: 00, the block type, eight padding bytes and 00.
+constexpr int kMinModulusBytes = 11;
+
+// Whether the record's modulus (present) is within both bounds. A larger one queues OpenSSL's
+// own "modulus too large", as a public operation on it does; a smaller one queues
+// "<function>: the modulus has <n> bits, PKCS #1 v1.5 padding needs at least 88".
+bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function);
+
 // out = em^d mod n, as many bytes as the modulus, with a constant-time exponentiation.
 // `em` is the modulus length. False with the cause queued.
 bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* em, unsigned char* out,
