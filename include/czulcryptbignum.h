@@ -36,8 +36,8 @@ public:
     // A new VKL number with the held value in a new holder, both the caller's
     // (release the number with VKL_BN_clear_free, then delete the holder). Null for an empty number.
     C_VKL_BIGNUM_Wrap* BuildNumber() const;
-    // Writes the held value into the holder's existing VKL number. False for a null holder or
-    // a holder without a number.
+    // Writes the held value into the holder's existing VKL number. False for a null holder, a
+    // holder without a number, or a value VKL did not take (it would stand as zero).
     bool PopulateNumber(C_VKL_BIGNUM_Wrap* number) const;
     // Replaces the value with (bits + 7) / 8 random bytes (all bits random); 0 bits keeps the value.
     void PopulateRandom(unsigned int bits);

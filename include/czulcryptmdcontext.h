@@ -29,8 +29,8 @@ public:
     void Initialise();
     // Chooses the digest by name ("SHA1", "SHA256", "RSA-SHA1", ...) and starts a new hash.
     // True on success; false when the policy refuses the name, VKL does not know it or
-    // cannot start it. After a failure no digest is chosen (sizes -1, type null), even
-    // where VKL only failed to start it, so no size outlives the digest it belonged to.
+    // cannot start it. After a failure no digest is chosen (sizes -1, type null) and no hash
+    // is in progress, even where VKL only failed to start it.
     bool SetType(const char* name);
     // Hashes length bytes of data. True on success, false when VKL refuses (no digest chosen, null data).
     bool AddData(void* data, unsigned int length);
@@ -55,6 +55,9 @@ private:
     VKL_t* Vkl();
     // Releases the VKL digest context and its holder.
     void ReleaseDigestContext();
+    // Ends the hash in progress: after a failed SetType, GetMessageDigest would otherwise
+    // finish the previous digest, of another length than the object reports.
+    void DropHash();
 
     CZulCryptContext& m_rContext;
     C_VKL_EVP_MD_CTX_Wrap* m_pMDCtxWrap;

@@ -31,7 +31,7 @@ public:
     // Puts each component the key holds into the record as a new VKL number (replacing and
     // releasing what the field held); absent components leave their fields alone. The record
     // owns the numbers afterwards. Does nothing for a null holder or record, nor (reported) on a
-    // context without VKL.
+    // context without VKL. A component VKL did not take leaves its field empty rather than zero.
     void BuildKeyStruct(C_VKL_RSA_Wrap* rsa) const;
     // Takes the two objects over (made with new; either may be null) and nulls the caller's
     // pointers; a key holding n or e is cleared first. Both arguments must be valid addresses.

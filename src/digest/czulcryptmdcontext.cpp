@@ -78,16 +78,23 @@ bool CZulCryptMDContext::SetType(const char* name) {
     m_pMD->m_pMD = VKL_EVP_get_digestbyname(Vkl(), name);
     if (m_pMD->m_pMD == nullptr) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
+        DropHash();
         return false;
     }
     if (VKL_EVP_DigestInit(Vkl(), m_pMDCtxWrap->m_pMDCtx, m_pMD->m_pMD) != 1) {
-        // The context may still hold the previous digest's state: sizes taken from the
-        // new descriptor would not match what GetMessageDigest writes.
+        // Sizes taken from the new descriptor would not match the hash left running.
         m_pMD->m_pMD = nullptr;
         ZUL_REPORT_VKL_ERROR(m_rContext);
+        DropHash();
         return false;
     }
     return true;
+}
+
+void CZulCryptMDContext::DropHash() {
+    VKL_EVP_MD_CTX_t* ctx = m_pMDCtxWrap->m_pMDCtx;
+    zul::DropVklFailure(Vkl(), VKL_EVP_MD_CTX_cleanup(Vkl(), ctx));
+    zul::DropVklFailure(Vkl(), VKL_EVP_MD_CTX_init(Vkl(), ctx));
 }
 
 bool CZulCryptMDContext::AddData(void* data, unsigned int length) {

@@ -112,9 +112,11 @@ bool CZulCryptBigNum::PopulateNumber(C_VKL_BIGNUM_Wrap* number) const {
     if (number == nullptr || number->m_pBigNum == nullptr) return false;
     VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
     if (vkl == nullptr) return false;
-    // VKL's result is not part of ours; its entry must not outlive the call.
+    // A number VKL did not take stands as zero, and a zero exponent turns every RSA
+    // operation into a wrong "success": the caller must hear of it.
     if (VKL_BN_bin2bn(vkl, m_pBigNumPacket, static_cast<int>(m_uLen), number->m_pBigNum) == nullptr) {
         zul::DrainVklErrors(vkl);
+        return false;
     }
     return true;
 }

@@ -98,7 +98,11 @@ void CZulCryptRSAKey::BuildKeyStruct(C_VKL_RSA_Wrap* rsa) const {
         if (*component.second != nullptr) VKL_BN_clear_free(vkl, *component.second);
         *component.second = number;
         C_VKL_BIGNUM_Wrap wrap(number);
-        (void)component.first->PopulateNumber(&wrap);
+        if (!component.first->PopulateNumber(&wrap)) {
+            // Left as zero it would be used as a zero exponent; missing, the operation fails.
+            VKL_BN_clear_free(vkl, number);
+            *component.second = nullptr;
+        }
     }
 }
 
