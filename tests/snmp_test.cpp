@@ -49,7 +49,6 @@ struct Session {
         ZulVklCipherCtxDestroy(ctx, cipher);
         ZulVklStatusDestroy(status);
         ZulVklCtxDestroy(ctx);
-        EXPECT_EQ(zultest::TakeQueue(vkl), std::vector<std::string>{}) << "left on VKL's error queue";
     }
 };
 
@@ -242,19 +241,25 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
              return zultest::Text(printed.str().c_str());
          }},
         {"Log", [=](Call& c) { ZulVklLogErrMsg(c.Status()); return c.Result(1); }},
-        // The VKL functions called since the case's handles were made, blank-separated.
+        // The VKL functions called since the case's handles were made, blank-separated; those of
+        // the error queue, which the driver empties after each call, left out.
         {"VklLog", [=](Call&) {
              std::string log;
              const std::vector<std::string> names = zultest::CallLog();
-             for (size_t i = s->made; i < names.size(); ++i) log += (log.empty() ? "" : " ") + names[i];
+             for (size_t i = s->made; i < names.size(); ++i) {
+                 if (names[i].rfind("VKL_ERR_", 0) != 0) log += (log.empty() ? "" : " ") + names[i];
+             }
              return zultest::Text(log.c_str());
          }},
     };
     zultest::Calls out;
     for (const auto& [name, call] : calls) {
+        // No call leaves an entry on VKL's queue, where a later failure would be blamed on it.
         out[name] = [s, call = call](const Args& args) {
             Call c(*s, args);
-            return call(c);
+            const Outcome outcome = call(c);
+            EXPECT_EQ(zultest::TakeQueue(s->vkl), std::vector<std::string>{}) << "left on VKL's error queue";
+            return outcome;
         };
     }
     return out;
