@@ -3,10 +3,10 @@
 //
 // A call's arguments follow the C operation's, without the handles and the status
 // record: names and buffers are "text" or hex ("" has no address), - for null, #N for
-// a buffer claiming N bytes at an address (refused before any read when N is large). Flags anywhere among them: !ctx !md !hmac
-// !cipher !status !in !out pass null instead, ~md ~hmac ~cipher a handle holding
-// nothing. Result is what the operation returned, Text the status record's errorMsg,
-// Out what it wrote.
+// N bytes at an address (refused before any read when N is large). Flags among them:
+// !ctx !md !hmac !cipher !status !in !out pass null instead, ~md ~hmac ~cipher a handle
+// holding nothing. Result is what the operation returned, Text the status record's
+// errorMsg, Out what it wrote. Every call must leave VKL's error queue empty.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -77,7 +77,8 @@ struct Call {
         static const unsigned char never = 0;
         const std::string& raw = args.at(i).raw;
         if (raw == "-") return nullptr;
-        if (raw[0] == '#') return &buffers.emplace_back(ZulVklConstBuffer{&never, static_cast<uint32_t>(std::stoul(raw.substr(1)))});
+        const auto claimed = static_cast<uint32_t>(raw[0] == '#' ? std::stoul(raw.substr(1)) : 0);
+        if (raw[0] == '#') return &buffers.emplace_back(ZulVklConstBuffer{&never, claimed});
         const Bytes& b = bytes.emplace_back(args.at(i).Bytes());
         return &buffers.emplace_back(ZulVklConstBuffer{b.data(), static_cast<uint32_t>(b.size())});
     }
@@ -86,6 +87,7 @@ struct Call {
         pieces.push_back(nullptr);
         return flags.count("!in") ? nullptr : pieces.data();
     }
+    int Int(size_t i) const { return static_cast<int>(args.at(i).Number()); }
     unsigned Count(size_t from) const { return static_cast<unsigned>(args.size() - from); }
     // The outcome: what the operation returned (-1 when it moved the output record's data
     // away from area), the status record's text, and what it wrote at area.
@@ -114,6 +116,21 @@ struct Call {
     std::vector<ZulVklConstBuffer*> pieces;
 };
 
+template <class H>
+Outcome Remake(Call& c, H*& handle, H* (*create)(ZulVklCtxWrap*), int (*destroy)(ZulVklCtxWrap*, H*)) {
+    destroy(c.s.ctx, handle);
+    handle = create(c.Ctx());
+    return c.Result(handle != nullptr);
+}
+
+// Without a context handle the handle stays, as it does when another one is released.
+template <class H>
+Outcome Release(Call& c, H*& handle, H* picked, int (*destroy)(ZulVklCtxWrap*, H*)) {
+    const int result = destroy(c.Ctx(), picked);
+    if (c.Ctx() != nullptr && picked == handle) handle = nullptr;
+    return c.Result(result);
+}
+
 zultest::Calls SnmpCalls(CZulCryptContext&) {
     auto s = std::make_shared<Session>();
     // Key and Localise take an output of the digest's size unless a size is given; it starts as ee bytes.
@@ -139,7 +156,8 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
          }},
         {"Chain", [=](Call& c) {
              ZulVklBuffer out{nullptr, 0};
-             const int r = ZulVklMdKeyChangeDigest(c.Ctx(), c.Md(), c.Name(0), c.Buf(1), c.Buf(2), c.Out(out), c.Status());
+             const int r =
+                 ZulVklMdKeyChangeDigest(c.Ctx(), c.Md(), c.Name(0), c.Buf(1), c.Buf(2), c.Out(out), c.Status());
              const Bytes block = out.data != nullptr ? Bytes(out.data, out.data + out.length) : Bytes{};
              std::free(out.data);
              return c.Result(r, block, block.data(), block.size());
@@ -147,7 +165,7 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
         {"KeySize", [=](Call& c) { return c.Result(ZulVklCipherRequiredKeySize(c.Ctx(), c.Name(0), c.Status())); }},
         {"IvSize", [=](Call& c) { return c.Result(ZulVklCipherRequiredIvSize(c.Ctx(), c.Name(0), c.Status())); }},
         {"Padding", [=](Call& c) {
-             return c.Result(ZulVklCipherSetPadding(c.Ctx(), c.Cipher(), static_cast<int>(c.args.at(0).Number()), c.Status()));
+             return c.Result(ZulVklCipherSetPadding(c.Ctx(), c.Cipher(), c.Int(0), c.Status()));
          }},
         {"EncInit", [=](Call& c) {
              return c.Result(ZulVklCipherEncryptInit(c.Ctx(), c.Cipher(), c.Name(0), c.Buf(1), c.Buf(2), c.Status()));
@@ -159,7 +177,8 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
              Bytes area(1024);
              ZulVklBuffer out{area.data(), 12345};
              ZulVklConstBuffer** in = c.Pieces(1);
-             const int r = ZulVklCipherEncryptUpdate(c.Ctx(), c.Cipher(), c.Name(0), in, c.Count(1), c.Out(out), c.Status());
+             const int r =
+                 ZulVklCipherEncryptUpdate(c.Ctx(), c.Cipher(), c.Name(0), in, c.Count(1), c.Out(out), c.Status());
              return c.Result(r, area, out.data, out.length);
          }},
         {"DecUpdate", [=](Call& c) {
@@ -191,21 +210,17 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
         // Handles: New KIND makes the case's handle anew, Free KIND releases it (ctx and status: a null one).
         {"New", [=](Call& c) {
              const std::string kind = c.args.at(0).raw;
-             if (kind == "md") ZulVklMdCtxDestroy(s->ctx, s->md), s->md = ZulVklMdCtxCreate(c.Ctx());
-             if (kind == "hmac") ZulVklHmacCtxDestroy(s->ctx, s->hmac), s->hmac = ZulVklHmacCtxCreate(c.Ctx());
-             if (kind == "cipher") ZulVklCipherCtxDestroy(s->ctx, s->cipher), s->cipher = ZulVklCipherCtxCreate(c.Ctx());
-             return c.Result(kind == "md" ? s->md != nullptr : kind == "hmac" ? s->hmac != nullptr : s->cipher != nullptr);
+             return kind == "md"     ? Remake(c, s->md, ZulVklMdCtxCreate, ZulVklMdCtxDestroy)
+                    : kind == "hmac" ? Remake(c, s->hmac, ZulVklHmacCtxCreate, ZulVklHmacCtxDestroy)
+                                     : Remake(c, s->cipher, ZulVklCipherCtxCreate, ZulVklCipherCtxDestroy);
          }},
         {"Free", [=](Call& c) {
              const std::string kind = c.args.at(0).raw;
-             const bool gone = c.Ctx() != nullptr;
-             long r = -1;
-             if (kind == "md") r = ZulVklMdCtxDestroy(c.Ctx(), c.Md()), s->md = gone && c.Md() ? nullptr : s->md;
-             if (kind == "hmac") r = ZulVklHmacCtxDestroy(c.Ctx(), c.Hmac()), s->hmac = gone && c.Hmac() ? nullptr : s->hmac;
-             if (kind == "cipher") r = ZulVklCipherCtxDestroy(c.Ctx(), c.Cipher()), s->cipher = gone && c.Cipher() ? nullptr : s->cipher;
-             if (kind == "ctx") r = ZulVklCtxDestroy(nullptr);
-             if (kind == "status") r = ZulVklStatusDestroy(nullptr);
-             return c.Result(r);
+             if (kind == "ctx") return c.Result(ZulVklCtxDestroy(nullptr));
+             if (kind == "status") return c.Result(ZulVklStatusDestroy(nullptr));
+             return kind == "md"     ? Release(c, s->md, c.Md(), ZulVklMdCtxDestroy)
+                    : kind == "hmac" ? Release(c, s->hmac, c.Hmac(), ZulVklHmacCtxDestroy)
+                                     : Release(c, s->cipher, c.Cipher(), ZulVklCipherCtxDestroy);
          }},
         {"NoContext", [=](Call& c) {
              WEXTest_SetGetContextResult(0);
@@ -218,21 +233,22 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
         {"Fresh", [=](Call& c) {
              ZulVklStatusDestroy(s->status);
              s->status = ZulVklStatusCreate();
-             const Bytes zero(sizeof *s->status, 0);
-             return c.Result(s->status->msgLen == 0 && std::memcmp(&s->status->status, zero.data(), sizeof s->status->status) == 0);
+             const ZulVklStatusWrap& r = *s->status;
+             const Bytes zero(sizeof r.errorMsg, 0);
+             return c.Result(r.msgLen == 0 && std::memcmp(&r.status, zero.data(), sizeof r.status) == 0 &&
+                             std::memcmp(r.errorMsg, zero.data(), sizeof r.errorMsg) == 0);
          }},
         {"Set", [=](Call& c) { s->status->Set(c.Name(0)); return c.Record(1); }},
-        {"MsgLen", [=](Call& c) { s->status->msgLen = static_cast<uint64_t>(c.args.at(0).Number()); return c.Result(1); }},
+        {"MsgLen", [=](Call& c) { s->status->msgLen = static_cast<uint64_t>(c.Int(0)); return c.Result(1); }},
         {"SetVkl", [=](Call& c) {
              unsigned char byte = 0;
              VKL_RAND_bytes(s->vkl, &byte, 1);
              VKL_RAND_bytes(s->vkl, &byte, 1);
-             s->status->Set(*s->vkl, static_cast<int>(c.args.at(0).Number()));
+             s->status->Set(*s->vkl, c.Int(0));
              return c.Record(static_cast<long>(zultest::TakeQueue(s->vkl).size()));
          }},
         {"VklStatus", [=](Call& c) {
-             VKLTest_SetStatus("VKL_GetStatus", static_cast<int>(c.args.at(0).Number()), static_cast<int>(c.args.at(1).Number()),
-                               c.Name(2));
+             VKLTest_SetStatus("VKL_GetStatus", c.Int(0), c.Int(1), c.Name(2));
              return c.Result(1);
          }},
         {"Print", [=](Call& c) {

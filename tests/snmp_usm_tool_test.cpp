@@ -20,7 +20,8 @@ zultest::Calls ToolCalls(CZulCryptContext&) {
                  std::istringstream in;
                  std::ostringstream out, err;
                  zulcrypt::Streams io{in, out, err};
-                 zultest::Outcome outcome = zultest::Number(zulcrypt::Dispatch(static_cast<int>(argv.size()), argv.data(), io));
+                 const int status = zulcrypt::Dispatch(static_cast<int>(argv.size()), argv.data(), io);
+                 zultest::Outcome outcome = zultest::Number(status);
                  outcome.text = out.str();
                  const std::string error = err.str();
                  outcome.out.assign(error.begin(), error.end());
