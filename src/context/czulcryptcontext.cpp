@@ -192,15 +192,15 @@ void CZulCryptContext::PrintData(const unsigned char* data, unsigned int length)
     std::cout.flags(std::ios_base::hex | std::ios_base::right | std::ios_base::skipws);
     std::cout << "    00-01-02-03-04-05-06-07___08-09-0A-0B-0C-0D-0E-0F\n00  ";
     const char fill = std::cout.fill('0');
-    unsigned int row = 0;
+    // A row's separator or label goes before its next byte, so the last row ends
+    // without an empty label after it.
     for (unsigned int i = 0; i < length; ++i) {
-        std::cout << std::setw(2) << static_cast<unsigned int>(data[i]) << ' ';
-        if (i + 1 >= length) break;
-        if ((i + 1) % 16 == 0) {
-            std::cout << std::endl << std::setw(2) << ++row << "  ";
-        } else if ((i + 1) % 8 == 0) {
+        if (i % 16 == 0 && i > 0) {
+            std::cout << std::endl << std::setw(2) << i / 16 << "  ";
+        } else if (i % 8 == 0 && i > 0) {
             std::cout << "  ";
         }
+        std::cout << std::setw(2) << static_cast<unsigned int>(data[i]) << ' ';
     }
     std::cout.fill(fill);
     std::cout.flags(flags);
@@ -245,8 +245,7 @@ void CZulCryptContext::GetError(std::string& text) {
     if (m_pCtxWrap == nullptr) return;
     VKL_t* vkl = m_pCtxWrap->m_pCtx;
     unsigned long code = VKL_ERR_get_error(vkl);
-    char buffer[512];
-    std::memset(buffer, 0, sizeof buffer);
+    char buffer[512] = {};
     VKL_ERR_error_string_n(vkl, code, buffer, sizeof buffer);
     text += buffer;
 }
