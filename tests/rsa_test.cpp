@@ -1,18 +1,10 @@
-// RSA keys and raw RSA: the vectors of tests/data/rsa_raw.vec with each key complete, as n
-// and d and as n and e; generation, the copying rules, bounds, refusals and failures (of the
-// big number and Diffie-Hellman classes too, on a context without VKL) as the scripts of
-// tests/data/rsa_scripts.vec.
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
+// RSA keys and raw RSA as the scripts of tests/data/rsa_raw.vec (known answers, with each key
+// complete, as n and d and as n and e) and tests/data/rsa_scripts.vec (generation, the copying
+// rules, bounds, refusals and failures, and every public key class on a context without VKL).
 #include <gtest/gtest.h>
 
 #include <czulcryptdh.h>
 #include <czulcryptrsacalculator.h>
-#include <czulcryptrsakey.h>
-#include <vkl.h>
 
 #include "script.h"
 #include "test_support.h"
@@ -25,9 +17,9 @@ using zultest::Args;
 
 class RsaTest : public zultest::ContextTest {};
 
-// A VKL record of hex numbers n e d p q dmp1 dmq1 iqmp, - for none.
-VKL_RSA_t* Record(VKL_t* vkl, const Args& numbers) {
-    VKL_RSA_t* rsa = VKL_RSA_new(vkl);
+// A VKL record of hex numbers n e d p q dmp1 dmq1 iqmp (- for none), released with the pointer.
+std::shared_ptr<VKL_RSA_t> Record(VKL_t* vkl, const Args& numbers) {
+    std::shared_ptr<VKL_RSA_t> rsa(VKL_RSA_new(vkl), [vkl](VKL_RSA_t* record) { VKL_RSA_free(vkl, record); });
     VKL_BIGNUM_t** fields[] = {&rsa->n, &rsa->e, &rsa->d, &rsa->p, &rsa->q, &rsa->dmp1, &rsa->dmq1, &rsa->iqmp};
     for (size_t i = 0; i < numbers.size(); ++i) {
         const Bytes bytes = numbers[i].IsNull() ? Bytes() : numbers[i].Bytes();
@@ -36,43 +28,36 @@ VKL_RSA_t* Record(VKL_t* vkl, const Args& numbers) {
     return rsa;
 }
 
-// The calls of tests/data/rsa_scripts.vec. Keys are named, made on first use on the case's
-// context (names starting "good": on a usable one). "Key name how ...": public, take (handing
-// the numbers over) or private, with n and an exponent; record, from a VKL record of the numbers
-// (none: a holder of no record); null; clear. PubEnc, PubDec, PrivEnc, PrivDec key data [length]
-// run a calculator of the case's context (Good...: of a usable one). $N $E $D $P $Q and $CRT
-// (dmp1 dmq1 iqmp) stand for the first key of rsa_raw.vec.
+// The calls of the scripts. Keys are named and made on first use; keys, calculators and
+// Diffie-Hellman objects on the case's context, or after "On good" on a usable one.
+// "Key name how ...": public, take (handing the numbers over) or private, with n and an
+// exponent (- for none); record, from a VKL record of the numbers (none: a holder of no record);
+// generate bits e; null; clear. PubEnc, PubDec, PrivEnc and PrivDec key data [length];
+// RoundTrip encrypts with one key and decrypts with another. $N $E $D $P $Q and $CRT (dmp1 dmq1
+// iqmp) stand for the first key of rsa_raw.vec.
 zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL_t* vkl) {
     auto keys = std::make_shared<std::map<std::string, std::unique_ptr<CZulCryptRSAKey>>>();
     auto number = std::make_shared<CZulCryptBigNum>(context);
-    CZulCryptContext *on = &context, *good = &usable;
+    auto where = std::make_shared<CZulCryptContext*>(&context);
+    CZulCryptContext *mine = &context, *good = &usable;
     const zultest::VectorCase fixed = zultest::ReadVectors("rsa_raw.vec").at(0);
     for (const char* name : {"N", "E", "D", "P", "Q"}) zultest::Vars()[std::string("$") + name] = fixed.fields.at(name);
     zultest::Vars()["$CRT"] = fixed.fields.at("DP") + " " + fixed.fields.at("DQ") + " " + fixed.fields.at("QINV");
     auto key = [=](const zultest::Arg& name) -> CZulCryptRSAKey& {
         std::unique_ptr<CZulCryptRSAKey>& slot = (*keys)[name.raw];
-        if (!slot) slot = std::make_unique<CZulCryptRSAKey>(name.raw.rfind("good", 0) == 0 ? *good : *on);
+        if (!slot) slot = std::make_unique<CZulCryptRSAKey>(**where);
         return *slot;
     };
     auto big = [=](const zultest::Arg& arg) {
-        std::unique_ptr<CZulCryptBigNum> made(arg.IsNull() ? nullptr : new CZulCryptBigNum(*on));
-        const Bytes bytes = arg.IsNull() ? Bytes() : arg.Bytes();
-        if (made) made->SetNumber(static_cast<unsigned int>(bytes.size()), bytes.data());
+        std::unique_ptr<CZulCryptBigNum> made(arg.IsNull() ? nullptr : new CZulCryptBigNum(**where));
+        if (made) made->SetNumber(static_cast<unsigned int>(arg.Bytes().size()), arg.Bytes().data());
         return made;
-    };
-    // A record built from a key (p set to 1 before, when asked), released with the pointer.
-    auto built = [=](const zultest::Arg& name, bool presetP) {
-        std::shared_ptr<VKL_RSA_t> rsa(Record(vkl, presetP ? Args{{"-"}, {"-"}, {"-"}, {"01"}} : Args{}),
-                                       [vkl](VKL_RSA_t* record) { VKL_RSA_free(vkl, record); });
-        C_VKL_RSA_Wrap wrap(rsa.get());
-        key(name).BuildKeyStruct(&wrap);
-        return rsa;
     };
     using Operation = int (CZulCryptRSACalculator::*)(const unsigned char*, unsigned int, const CZulCryptRSAKey&,
                                                        unsigned char*);
-    auto run = [=](CZulCryptContext* where, Operation operation) {
+    auto run = [=](Operation operation) {
         return [=](const Args& a) {
-            CZulCryptRSACalculator calculator(*where);
+            CZulCryptRSACalculator calculator(**where);
             const Bytes in = a[1].Bytes();
             Bytes out(2100);
             const long length = a.size() > 2 ? a[2].Number() : static_cast<long>(in.size());
@@ -83,15 +68,17 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
         };
     };
     zultest::Calls calls = {
+        {"On", [=](const Args& a) { *where = a[0].raw == "good" ? good : mine; return zultest::Ok(true); }},
         {"Key",
          [=](const Args& a) {
              CZulCryptRSAKey& made = key(a[0]);
              const std::string how = a[1].raw;
              if (how == "record") {
-                 std::shared_ptr<VKL_RSA_t> rsa(a.size() > 2 ? Record(vkl, Args(a.begin() + 2, a.end())) : nullptr,
-                                                [vkl](VKL_RSA_t* record) { VKL_RSA_free(vkl, record); });
-                 C_VKL_RSA_Wrap wrap(rsa.get());
+                 const std::shared_ptr<VKL_RSA_t> rsa = Record(vkl, Args(a.begin() + 2, a.end()));
+                 C_VKL_RSA_Wrap wrap(a.size() > 2 ? rsa.get() : nullptr);
                  made.SetKey(&wrap);
+             } else if (how == "generate") {
+                 made.GenerateKey(static_cast<int>(a[2].Number()), static_cast<unsigned long>(a[3].Number()));
              } else if (how == "null" || how == "clear") {
                  how == "null" ? made.SetKey(nullptr) : made.ClearKey();
              } else if (how == "take") {
@@ -104,110 +91,61 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
              }
              return zultest::Number(made.KeySize());
          }},
-        {"Generate",
-         [=](const Args& a) {
-             key(a[0]).GenerateKey(static_cast<int>(a[1].Number()), static_cast<unsigned long>(a[2].Number()));
-             return zultest::Number(key(a[0]).KeySize());
-         }},
-        // Bits of n e d p q dmp1 dmq1 iqmp in a record built from the key, - for none.
+        // Bits of n e d p q dmp1 dmq1 iqmp in a record built from the key, whose p was set to 1
+        // first; - for none. Check: VKL's own check of that record.
         {"Fields",
          [=](const Args& a) {
-             std::shared_ptr<VKL_RSA_t> rsa = built(a[0], true);
+             const std::shared_ptr<VKL_RSA_t> rsa = Record(vkl, {{"-"}, {"-"}, {"-"}, {"01"}});
+             C_VKL_RSA_Wrap wrap(rsa.get());
+             key(a[0]).BuildKeyStruct(&wrap);
              std::string text;
              for (VKL_BIGNUM_t* field : {rsa->n, rsa->e, rsa->d, rsa->p, rsa->q, rsa->dmp1, rsa->dmq1, rsa->iqmp}) {
                  text += (text.empty() ? "" : " ") + (field ? std::to_string(VKL_BN_num_bits(vkl, field)) : "-");
              }
-             return zultest::Text(text.c_str());
-         }},
-        {"Check", [=](const Args& a) { return zultest::Ok(VKL_RSA_check_key(vkl, built(a[0], false).get()) == 1); }},
-        // A big number and Diffie-Hellman on the case's context.
-        {"Number", [=](const Args& a) { const Bytes bytes = a[0].Bytes();
-             return zultest::Ok(number->SetNumber(static_cast<unsigned int>(bytes.size()), bytes.data())); }},
-        {"NumberFromVkl",
-         [=](const Args&) {
-             C_VKL_BIGNUM_Wrap wrap(VKL_BN_new(vkl));
-             const bool ok = number->SetNumber(&wrap);
-             VKL_BN_free(vkl, wrap.m_pBigNum);
-             return zultest::Ok(ok);
-         }},
-        {"NumberToVkl", [=](const Args&) { return zultest::Ok(number->BuildNumber() != nullptr); }},
-        {"NumberIntoVkl",
-         [=](const Args&) {
-             C_VKL_BIGNUM_Wrap wrap(VKL_BN_new(vkl));
-             const bool ok = number->PopulateNumber(&wrap);
-             VKL_BN_free(vkl, wrap.m_pBigNum);
-             return zultest::Ok(ok);
-         }},
-        {"NumberRandom",
-         [=](const Args& a) {
-             number->PopulateRandom(static_cast<unsigned int>(a[0].Number()));
-             return zultest::Bytes(true, number->GetBigNumPacket(), number->GetLen());
-         }},
-        {"Dh",
-         [=](const Args&) {
-             CZulCryptDH dh(*on);
-             zultest::Outcome outcome = zultest::Ok(dh.GetStatus() || dh.SetOakleyGroup2());
-             outcome.number = dh.GetSize();
+             zultest::Outcome outcome = zultest::Text(text.c_str());
+             outcome.ok = a.size() > 1 && VKL_RSA_check_key(vkl, rsa.get()) == 1;
              return outcome;
          }},
-        {"DhGenerated", [=](const Args&) { return zultest::Ok(CZulCryptDH(*on, 512, 2).GetStatus()); }},
-        {"GoodDhWithNumber",
+        // Every operation of a big number 01 00 01 that needs VKL; Out is its value after them.
+        {"NumberNeedingVkl",
          [=](const Args&) {
-             CZulCryptDH dh(*good);
-             EXPECT_TRUE(dh.SetOakleyGroup2());
-             dh.ComputeSharedSecret(number.get());
-             return zultest::Ok(dh.GetStatus());
+             const unsigned char value[] = {1, 0, 1};
+             number->SetNumber(3, value);
+             C_VKL_BIGNUM_Wrap wrap(VKL_BN_new(vkl));
+             const bool refused =
+                 !number->SetNumber(&wrap) & (number->BuildNumber() == nullptr) & !number->PopulateNumber(&wrap);
+             number->PopulateRandom(64);
+             VKL_BN_free(vkl, wrap.m_pBigNum);
+             return zultest::Bytes(refused, number->GetBigNumPacket(), number->GetLen());
+         }},
+        // Diffie-Hellman: "Dh" (and Oakley group 2), "Dh 512" (a group generated), "Dh peer" (Oakley
+        // group 2, with that big number as the peer's key).
+        {"Dh",
+         [=](const Args& a) {
+             std::unique_ptr<CZulCryptDH> dh(a.empty() || a[0].raw == "peer" ? new CZulCryptDH(**where)
+                                                                              : new CZulCryptDH(**where, 512, 2));
+             if (!a.empty() && a[0].raw == "peer" && dh->SetOakleyGroup2()) dh->ComputeSharedSecret(number.get());
+             zultest::Outcome outcome = zultest::Ok(dh->GetStatus() || (a.empty() && dh->SetOakleyGroup2()));
+             outcome.number = dh->GetSize();
+             return outcome;
          }},
     };
-    const std::pair<std::string, Operation> operations[] = {{"PubEnc", &CZulCryptRSACalculator::RSAPublicEncrypt},
+    const std::pair<const char*, Operation> operations[] = {{"PubEnc", &CZulCryptRSACalculator::RSAPublicEncrypt},
                                                             {"PubDec", &CZulCryptRSACalculator::RSAPublicDecrypt},
                                                             {"PrivEnc", &CZulCryptRSACalculator::RSAPrivateEncrypt},
                                                             {"PrivDec", &CZulCryptRSACalculator::RSAPrivateDecrypt}};
-    for (const auto& operation : operations) {
-        calls[operation.first] = run(on, operation.second);
-        calls["Good" + operation.first] = run(good, operation.second);
-    }
+    for (const auto& operation : operations) calls[operation.first] = run(operation.second);
+    calls["RoundTrip"] = [=](const Args& a) {
+        const std::string sealed = zultest::Hex(run(&CZulCryptRSACalculator::RSAPublicEncrypt)({a[0], a[2]}).out);
+        return run(&CZulCryptRSACalculator::RSAPrivateDecrypt)({a[1], {sealed}});
+    };
     return calls;
 }
 
-// Type 1: private encryption of In gives Out with the complete key and with n and d, and public
-// decryption gives In back with n and e and the complete key. Type 2: private decryption of Out
-// gives In (or fails with Error) with both private forms; In encrypted with either public form
-// decrypts back.
-TEST_F(RsaTest, Vectors) {
-    for (const zultest::VectorCase& v : zultest::ReadVectors("rsa_raw.vec")) {
-        SCOPED_TRACE(v.Where());
-        zultest::Calls calls = RsaCalls(*context, *context, vkl);
-        auto call = [&](const std::string& name, const std::vector<std::string>& args) {
-            Args a;
-            for (const std::string& arg : args) a.push_back({arg});
-            return zultest::Hex(calls.at(name)(a).out);
-        };
-        const std::map<std::string, std::string>& f = v.fields;
-        call("Key", {"complete", "record", f.at("N"), f.at("E"), f.at("D"), f.at("P"), f.at("Q"), f.at("DP"),
-                     f.at("DQ"), f.at("QINV")});
-        call("Key", {"nd", "private", f.at("N"), f.at("D")});
-        call("Key", {"ne", "public", f.at("N"), f.at("E")});
-        const std::string in = v.Has("In") ? zultest::Hex(v.Bytes("In")) : "", out = zultest::Hex(v.Bytes("Out"));
-        for (const char* key : {"nd", "complete"}) {
-            if (v.Number("Type") == 1) {
-                EXPECT_EQ(call("PrivEnc", {key, f.at("In")}), out) << key;
-                EXPECT_EQ(call("PubDec", {key[0] == 'n' ? "ne" : key, f.at("Out")}), in) << key;
-            } else {
-                EXPECT_EQ(call("PrivDec", {key, f.at("Out")}), in) << key;
-                for (const char* from : {"complete", "ne"}) {
-                    if (v.Has("Error")) break;
-                    EXPECT_EQ(call("PrivDec", {key, call("PubEnc", {from, f.at("In")})}), in) << from;
-                }
-            }
-        }
-        const std::vector<std::string> reports(v.Has("Error") ? 2 : 0, v.Has("Error") ? v.Text("Error") : "");
-        EXPECT_EQ(diagnostics->TakeErrors("czulcryptrsacalculator"), reports);
-    }
-}
-
 TEST_F(RsaTest, Scripts) {
-    zultest::RunScripts("rsa_scripts.vec", [this](CZulCryptContext& on) { return RsaCalls(on, *context, vkl); });
+    for (const char* file : {"rsa_raw.vec", "rsa_scripts.vec"}) {
+        zultest::RunScripts(file, [this](CZulCryptContext& on) { return RsaCalls(on, *context, vkl); });
+    }
 }
 
 }  // namespace

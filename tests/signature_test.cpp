@@ -1,16 +1,12 @@
 // CZulCryptSignature: the signatures of tests/data/rsa_signature.vec (made by the openssl
-// command line, or refused as it refuses them) through one signer and one verifier; set-up,
-// queries, traces and every failure are the scripts of tests/data/signature_scripts.vec.
-#include <cstring>
-#include <memory>
+// command line, or refused as it refuses them); set-up, queries, traces and every failure are
+// the scripts of tests/data/signature_scripts.vec.
+#include <algorithm>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include <czulcryptsignature.h>
-#include <vkl.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -27,76 +23,13 @@ using Texts = std::vector<std::string>;
 
 class SignatureTest : public zultest::ContextTest {};
 
-bool Configure(CZulCryptSignature& signature, const zultest::VectorCase& v, const char* exponent) {
-    const Bytes n = v.Bytes("N"), x = v.Bytes(exponent);
-    return signature.SetHashAndKey(v.Text("Digest").c_str(), n.data(), static_cast<unsigned int>(n.size()), x.data(),
-                                   static_cast<unsigned int>(x.size()));
-}
-
-// VKL signing with a record that holds e goes through OpenSSL's RSA, a way the library
-// (which signs with n and d only) never takes. "" when it fails, its queue in `queue`.
-std::string VklSignsWithE(VKL_t* vkl, const zultest::VectorCase& v, Texts& queue) {
-    VKL_RSA_t* rsa = VKL_RSA_new(vkl);
-    for (auto field : {std::make_pair(&rsa->n, "N"), std::make_pair(&rsa->e, "E"), std::make_pair(&rsa->d, "D")}) {
-        const Bytes bytes = v.Bytes(field.second);
-        *field.first = VKL_BN_bin2bn(vkl, bytes.data(), static_cast<int>(bytes.size()), nullptr);
-    }
-    VKL_EVP_PKEY_t* pkey = VKL_EVP_PKEY_new(vkl);
-    EXPECT_EQ(VKL_EVP_PKEY_set1_RSA(vkl, pkey, rsa), 1);
-    VKL_RSA_free(vkl, rsa);
-    VKL_EVP_MD_CTX_t* ctx = VKL_EVP_MD_CTX_new(vkl);
-    const Bytes in = v.Bytes("In");
-    EXPECT_EQ(VKL_EVP_DigestInit(vkl, ctx, VKL_EVP_get_digestbyname(vkl, v.Text("Digest").c_str())), 1);
-    EXPECT_EQ(VKL_EVP_DigestUpdate(vkl, ctx, in.data(), in.size()), 1);
-    unsigned char out[512];
-    unsigned int length = 0;
-    const bool ok = VKL_EVP_SignFinal(vkl, ctx, out, &length, pkey) == 1;
-    VKL_EVP_MD_CTX_free(vkl, ctx);
-    VKL_EVP_PKEY_free(vkl, pkey);
-    queue = zultest::TakeQueue(vkl);
-    return ok ? zultest::Hex(out, length) : "";
-}
-
-// Valid = 1: both signing forms and VKL with e give Out, which verifies. Valid = 0: Out does not
-// verify, with the report Error (a mismatch if not given); SignError: signing fails so.
-TEST_F(SignatureTest, Vectors) {
-    CZulCryptSignature signer(*context), verifier(*context);
-    for (const zultest::VectorCase& v : zultest::ReadVectors("rsa_signature.vec")) {
-        SCOPED_TRACE(v.Where());
-        diagnostics->Clear();
-        Bytes in = v.Bytes("In"), out = v.Bytes("Out");
-        const unsigned int size = static_cast<unsigned int>(in.size());
-        signer.ResetMessageDigest();
-        ASSERT_TRUE(Configure(signer, v, "D") && Configure(verifier, v, "E"));
-        EXPECT_EQ(verifier.GetSignatureSize(), static_cast<int>(v.Bytes("N").size()));
-        const bool valid = v.Number("Valid") == 1;
-        EXPECT_EQ(verifier.VerifySignature(in.data(), size, out.data(), static_cast<unsigned int>(out.size())), valid);
-        Texts reports;
-        if (!valid) reports.push_back(v.Has("Error") ? v.Text("Error") : "VKL_EVP_VerifyFinal: the signature does not match");
-        if (valid || v.Has("SignError")) {
-            const std::string expected = valid ? zultest::Hex(out) : "";
-            Bytes signature(out.size(), 0);
-            unsigned int length = 7;
-            const bool signedOk = signer.GetSignature(in.data(), size, signature.data(), &length);
-            EXPECT_EQ(signedOk ? zultest::Hex(signature.data(), length) : "", expected);
-            unsigned char* allocated = nullptr;
-            EXPECT_EQ(signer.GetSignature(in.data(), size, &allocated, &length) ? zultest::Hex(allocated, length) : "",
-                      expected);
-            delete[] allocated;
-            Texts queue;
-            EXPECT_EQ(VklSignsWithE(vkl, v, queue), expected);
-            EXPECT_EQ(queue, valid ? Texts{} : Texts{v.Text("SignError")});
-            if (!valid) reports.insert(reports.end(), 2, v.Text("SignError"));
-        }
-        EXPECT_EQ(diagnostics->TakeErrors("czulcryptsignature"), reports);
-    }
-}
-
 // The calls of tests/data/signature_scripts.vec on one object. "Set digest n exponent
-// [n length] [exponent length]" (- for null); the data of Sign, SignAlloc and Verify is kept
-// at $at; Sign and SignAlloc give the length they leave (7 when untouched).
+// [n length] [exponent length]" (- for null); the data of Sign, Verify and VklSign is kept at
+// $at; Sign [alloc | - for a null buffer] gives the length it leaves (7 when untouched).
+// $N, $E and $D stand for the first key of rsa_signature.vec.
 zultest::Calls SignatureCalls(CZulCryptContext& context) {
     auto signature = std::make_shared<CZulCryptSignature>(context);
+    CZulCryptContext* on = &context;
     auto data = std::make_shared<Bytes>(4096);
     std::ostringstream address;
     address << static_cast<void*>(data->data());
@@ -105,46 +38,63 @@ zultest::Calls SignatureCalls(CZulCryptContext& context) {
     for (const char* name : {"N", "E", "D"}) zultest::Vars()[std::string("$") + name] = key.fields.at(name);
     using zultest::Args;
     auto bytes = [](const zultest::Arg& arg) { return arg.IsNull() ? Bytes() : arg.Bytes(); };
+    auto size = [=](const zultest::Arg& arg) { return static_cast<unsigned int>(bytes(arg).size()); };
     auto in = [=](const zultest::Arg& arg) -> void* {
         const Bytes given = bytes(arg);
-        std::memcpy(data->data(), given.data(), given.size());
+        std::copy(given.begin(), given.end(), data->begin());
         return arg.IsNull() ? nullptr : data->data();
     };
-    auto length = [=](const zultest::Arg& arg) { return static_cast<unsigned int>(bytes(arg).size()); };
     return {
         {"Set",
          [=](const Args& a) {
              const Bytes n = bytes(a[1]), x = bytes(a[2]);
-             return zultest::Ok(signature->SetHashAndKey(
-                 a[0].IsNull() ? nullptr : a[0].Text().c_str(), a[1].IsNull() ? nullptr : n.data(),
-                 a.size() > 3 ? static_cast<unsigned int>(a[3].Number()) : static_cast<unsigned int>(n.size()),
-                 x.data(), a.size() > 4 ? static_cast<unsigned int>(a[4].Number()) : static_cast<unsigned int>(x.size())));
+             return zultest::Ok(signature->SetHashAndKey(a[0].IsNull() ? nullptr : a[0].Text().c_str(),
+                                                         a[1].IsNull() ? nullptr : n.data(),
+                                                         a.size() > 3 ? static_cast<unsigned int>(a[3].Number()) : size(a[1]),
+                                                         x.data(), a.size() > 4 ? static_cast<unsigned int>(a[4].Number()) : size(a[2])));
          }},
         {"Sign",
          [=](const Args& a) {
-             unsigned char out[512];
+             unsigned char buffer[512];
+             unsigned char* out = buffer;
              unsigned int written = 7;
-             const bool ok = signature->GetSignature(in(a[0]), length(a[0]), a.size() > 1 ? nullptr : out, &written);
+             const bool alloc = a.size() > 1 && a[1].raw == "alloc";
+             const bool ok = alloc ? signature->GetSignature(in(a[0]), size(a[0]), &out, &written)
+                                   : signature->GetSignature(in(a[0]), size(a[0]), a.size() > 1 ? nullptr : out, &written);
+             EXPECT_TRUE(!alloc || (out == nullptr) == !ok) << "the allocating form gives a buffer exactly when it signs";
              zultest::Outcome outcome = zultest::Bytes(ok, out, written);
              outcome.number = written;
-             return outcome;
-         }},
-        {"SignAlloc",
-         [=](const Args& a) {
-             unsigned char* out = data->data();
-             unsigned int written = 7;
-             const bool ok = signature->GetSignature(in(a[0]), length(a[0]), &out, &written);
-             EXPECT_EQ(out == nullptr, !ok);
-             zultest::Outcome outcome = zultest::Bytes(ok, out, written);
-             outcome.number = written;
-             if (ok) delete[] out;
+             if (alloc && ok) delete[] out;
              return outcome;
          }},
         {"Verify",
          [=](const Args& a) {
              Bytes given = bytes(a[1]);
-             return zultest::Ok(signature->VerifySignature(in(a[0]), length(a[0]), a[1].IsNull() ? nullptr : given.data(),
-                                                           static_cast<unsigned int>(given.size())));
+             return zultest::Ok(signature->VerifySignature(in(a[0]), size(a[0]), a[1].IsNull() ? nullptr : given.data(),
+                                                           size(a[1])));
+         }},
+        // "VklSign digest n e d data": VKL signing with a record that holds e goes through
+        // OpenSSL's RSA, a way the library (which signs with n and d only) never takes.
+        {"VklSign",
+         [=](const Args& a) {
+             VKL_t* vkl = on->GetContext()->m_pCtx;
+             VKL_RSA_t* rsa = VKL_RSA_new(vkl);
+             for (auto field : {std::make_pair(&rsa->n, 1), std::make_pair(&rsa->e, 2), std::make_pair(&rsa->d, 3)}) {
+                 const Bytes number = a[field.second].Bytes();
+                 *field.first = VKL_BN_bin2bn(vkl, number.data(), static_cast<int>(number.size()), nullptr);
+             }
+             VKL_EVP_PKEY_t* pkey = VKL_EVP_PKEY_new(vkl);
+             EXPECT_EQ(VKL_EVP_PKEY_set1_RSA(vkl, pkey, rsa), 1);
+             VKL_RSA_free(vkl, rsa);
+             VKL_EVP_MD_CTX_t* ctx = VKL_EVP_MD_CTX_new(vkl);
+             EXPECT_EQ(VKL_EVP_DigestInit(vkl, ctx, VKL_EVP_get_digestbyname(vkl, a[0].Text().c_str())), 1);
+             EXPECT_EQ(VKL_EVP_DigestUpdate(vkl, ctx, in(a[4]), size(a[4])), 1);
+             unsigned char out[512];
+             unsigned int length = 0;
+             const bool ok = VKL_EVP_SignFinal(vkl, ctx, out, &length, pkey) == 1;
+             VKL_EVP_MD_CTX_free(vkl, ctx);
+             VKL_EVP_PKEY_free(vkl, pkey);
+             return zultest::Bytes(ok, out, length);
          }},
         {"Reset", [=](const Args&) { signature->ResetMessageDigest(); return zultest::Ok(true); }},
         {"Type", [=](const Args&) { return zultest::Text(signature->GetType()); }},
@@ -155,18 +105,47 @@ zultest::Calls SignatureCalls(CZulCryptContext& context) {
     };
 }
 
+// Through one object for every row, so that each row also checks its reuse. Valid = 1: both
+// signing forms, and VKL with e, give Out, which verifies. Valid = 0: Out does not verify, with
+// the report Error (a mismatch if none); SignError: signing fails so, in VKL too.
+TEST_F(SignatureTest, Vectors) {
+    zultest::Calls calls = SignatureCalls(*context);
+    for (const zultest::VectorCase& v : zultest::ReadVectors("rsa_signature.vec")) {
+        SCOPED_TRACE(v.Where());
+        auto call = [&](const char* name, const std::vector<const char*>& fields, const char* more = nullptr) {
+            zultest::Args args;
+            for (const char* field : fields) args.push_back({v.fields.at(field)});
+            if (more != nullptr) args.push_back({more});
+            return calls.at(name)(args);
+        };
+        const bool valid = v.Number("Valid") == 1;
+        const std::string expected = valid ? zultest::Hex(v.Bytes("Out")) : "";
+        Texts reports(valid ? 0 : 1, v.Has("Error") ? v.Text("Error") : "VKL_EVP_VerifyFinal: the signature does not match");
+        if (valid || v.Has("SignError")) {
+            call("Reset", {});
+            ASSERT_TRUE(call("Set", {"Digest", "N", "D"}).ok);
+            EXPECT_EQ(zultest::Hex(call("Sign", {"In"}).out), expected);
+            EXPECT_EQ(zultest::Hex(call("Sign", {"In"}, "alloc").out), expected);
+            EXPECT_EQ(zultest::Hex(call("VklSign", {"Digest", "N", "E", "D", "In"}).out), expected);
+            EXPECT_EQ(zultest::TakeQueue(vkl), valid ? Texts{} : Texts{v.Text("SignError")});
+            if (!valid) reports.insert(reports.begin(), 2, v.Text("SignError"));
+        }
+        ASSERT_TRUE(call("Set", {"Digest", "N", "E"}).ok);
+        EXPECT_EQ(call("Size", {}).number, static_cast<long>(v.Bytes("N").size()));
+        EXPECT_EQ(call("Verify", {"In", "Out"}).ok, valid);
+        EXPECT_EQ(diagnostics->TakeErrors("czulcryptsignature"), reports);
+    }
+}
+
 TEST_F(SignatureTest, Scripts) { zultest::RunScripts("signature_scripts.vec", SignatureCalls); }
 
 // A VKL free forced to fail does none of its work: the digest context leaks on purpose
 // (tests/valgrind.supp names this test).
 TEST_F(SignatureTest, DigestContextFailures) {
 #if defined(__SANITIZE_ADDRESS__)
-    __lsan_disable();
+    __lsan::ScopedDisabler leaks;
 #endif
     zultest::RunScripts("signature_leak.vec", SignatureCalls);
-#if defined(__SANITIZE_ADDRESS__)
-    __lsan_enable();
-#endif
 }
 
 }  // namespace
