@@ -23,7 +23,7 @@ std::shared_ptr<VKL_RSA_t> Record(VKL_t* vkl, const Args& numbers) {
     VKL_BIGNUM_t** fields[] = {&rsa->n, &rsa->e, &rsa->d, &rsa->p, &rsa->q, &rsa->dmp1, &rsa->dmq1, &rsa->iqmp};
     for (size_t i = 0; i < numbers.size(); ++i) {
         const Bytes bytes = numbers[i].IsNull() ? Bytes() : numbers[i].Bytes();
-        if (!numbers[i].IsNull()) *fields[i] = VKL_BN_bin2bn(vkl, bytes.data(), static_cast<int>(bytes.size()), nullptr);
+        if (!bytes.empty()) *fields[i] = VKL_BN_bin2bn(vkl, bytes.data(), static_cast<int>(bytes.size()), nullptr);
     }
     return rsa;
 }
@@ -61,7 +61,8 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
             const Bytes in = a[1].Bytes();
             Bytes out(2100);
             const long length = a.size() > 2 ? a[2].Number() : static_cast<long>(in.size());
-            const int result = (calculator.*operation)(in.data(), static_cast<unsigned int>(length), key(a[0]), out.data());
+            const int result =
+                (calculator.*operation)(in.data(), static_cast<unsigned int>(length), key(a[0]), out.data());
             zultest::Outcome outcome = zultest::Bytes(result >= 0, out.data(), result > 0 ? result : 0);
             outcome.number = result;
             return outcome;
@@ -87,12 +88,13 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
                  EXPECT_TRUE(n == nullptr && x == nullptr) << "the key takes the numbers it is given";
              } else {
                  const auto n = big(a[2]), x = big(a[3]);
-                 how == "private" ? made.PopulateWithPrivate(n.get(), x.get()) : made.PopulateWithPublic(n.get(), x.get());
+                 if (how == "private") made.PopulateWithPrivate(n.get(), x.get());
+                 if (how == "public") made.PopulateWithPublic(n.get(), x.get());
              }
              return zultest::Number(made.KeySize());
          }},
         // Bits of n e d p q dmp1 dmq1 iqmp in a record built from the key, whose p was set to 1
-        // first; - for none. Check: VKL's own check of that record.
+        // first; - for none. "Fields key check": Ok is VKL's own check of that record.
         {"Fields",
          [=](const Args& a) {
              const std::shared_ptr<VKL_RSA_t> rsa = Record(vkl, {{"-"}, {"-"}, {"-"}, {"01"}});
