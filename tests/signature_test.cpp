@@ -98,6 +98,7 @@ zultest::Calls SignatureCalls(CZulCryptContext& context) {
              return zultest::Bytes(ok, out, length);
          }},
         {"Reset", [=](const Args&) { signature->ResetMessageDigest(); return zultest::Ok(true); }},
+        {"Initialise", [=](const Args&) { signature->Initialise(); return zultest::Ok(true); }},
         {"Type", [=](const Args&) { return zultest::Text(signature->GetType()); }},
         {"Size", [=](const Args&) { return zultest::Number(signature->GetSignatureSize()); }},
         {"DigestSize", [=](const Args&) { return zultest::Number(signature->GetDigestSize()); }},
