@@ -1,5 +1,6 @@
 #include "script.h"
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 
@@ -206,8 +207,10 @@ void RunScripts(const std::string& file, const Driver& driver) {
                                       << Hex(want).substr(0, 96);
                     }
                 } else if (key == "OutHas") {
-                    const std::string out(outcome.out.begin(), outcome.out.end());
-                    EXPECT_NE(out.find(arg.Text()), std::string::npos) << out;
+                    const std::vector<unsigned char> part = arg.Bytes();
+                    EXPECT_NE(std::search(outcome.out.begin(), outcome.out.end(), part.begin(), part.end()),
+                              outcome.out.end())
+                        << Hex(outcome.out);
                 } else if (key == "Report") {
                     expected.reports.push_back(arg.Text());
                 } else if (key.rfind("Trace", 0) == 0) {
