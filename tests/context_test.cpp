@@ -53,11 +53,6 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
     using zultest::Args;
     using zultest::Ok;
     using zultest::Text;
-    auto text = [](bool ok, const std::string& value) {
-        zultest::Outcome outcome = Ok(ok);
-        outcome.text = value;
-        return outcome;
-    };
     auto usage = [](const zultest::Arg& arg) { return static_cast<EZulCryptAlgorithmUsage>(arg.Number()); };
     return {
         {"New", [made](const Args&) { *made = std::make_unique<CZulCryptContext>(); return Ok(true); }},
@@ -73,19 +68,21 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
          [=](const Args&) {
              std::string kept = "kept";
              const bool ok = context().CheckStatus(kept);
-             return text(ok, kept);
+             return Text(kept.c_str(), ok);
          }},
         // Decode major minor "description" "text before"; "Decode -" decodes a null record.
         {"Decode",
          [=](const Args& a) {
              std::string value = a.back().Text();
-             if (a[0].IsNull()) return text(context().GetStatus(nullptr, value), value);
              C_VKL_STATUS_Wrap status;
              std::memset(&status, 0, sizeof status);
-             status.major = static_cast<int32_t>(a[0].Number());
-             status.minor = static_cast<int32_t>(a[1].Number());
-             std::strncpy(status.description, a[2].Text().c_str(), sizeof status.description - 1);
-             return text(context().GetStatus(&status, value), value);
+             if (!a[0].IsNull()) {
+                 status.major = static_cast<int32_t>(a[0].Number());
+                 status.minor = static_cast<int32_t>(a[1].Number());
+                 std::strncpy(status.description, a[2].Text().c_str(), sizeof status.description - 1);
+             }
+             const bool ok = context().GetStatus(a[0].IsNull() ? nullptr : &status, value);
+             return Text(value.c_str(), ok);
          }},
         {"GetError",
          [=](const Args&) {

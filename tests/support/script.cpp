@@ -16,17 +16,9 @@
 namespace zultest {
 namespace {
 
-std::string Unescape(const std::string& text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 1 < text.size() && text[i + 1] == 'n') {
-            out += '\n';
-            ++i;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
+std::string Unescape(std::string text) {
+    for (size_t at = 0; (at = text.find("\\n", at)) != std::string::npos; ++at) text.replace(at, 2, "\n");
+    return text;
 }
 
 // Splits a line into arguments; a quoted text is one, blanks and all.
@@ -56,7 +48,6 @@ std::string Quoted(const std::string& value) {
 
 // Reports and traces since the last call, each kind checked where the script asks.
 struct Expected {
-    bool any = false;
     std::vector<std::string> reports;
     std::map<unsigned, std::vector<std::string>> traces;
 };
@@ -92,29 +83,15 @@ std::string Arg::Text() const { return Unescape(Quoted(raw)); }
 
 long Arg::Number() const { return std::stol(raw); }
 
-Outcome Ok(bool ok) {
-    Outcome outcome;
-    outcome.ok = ok;
-    return outcome;
-}
+Outcome Ok(bool ok) { return {ok, 0, "", {}}; }
 
-Outcome Number(long number) {
-    Outcome outcome;
-    outcome.number = number;
-    return outcome;
-}
+Outcome Number(long number) { return {true, number, "", {}}; }
 
-Outcome Text(const char* text) {
-    Outcome outcome;
-    outcome.text = text != nullptr ? text : "NULL";
-    return outcome;
-}
+Outcome Text(const char* text, bool ok) { return {ok, 0, text != nullptr ? text : "NULL", {}}; }
 
 Outcome Bytes(bool ok, const unsigned char* data, size_t length) {
-    Outcome outcome;
-    outcome.ok = ok;
-    if (ok && data != nullptr) outcome.out.assign(data, data + length);
-    return outcome;
+    return {ok, 0, "", ok && data != nullptr ? std::vector<unsigned char>(data, data + length)
+                                                                     : std::vector<unsigned char>()};
 }
 
 void RunScripts(const std::string& file, const Driver& driver) {

@@ -66,7 +66,7 @@ void RunScripts(const std::string& file, const Driver& driver);
 // Shorthands for drivers.
 Outcome Ok(bool ok);
 Outcome Number(long number);
-Outcome Text(const char* text);  // null gives "NULL"
+Outcome Text(const char* text, bool ok = true);  // null gives "NULL"
 Outcome Bytes(bool ok, const unsigned char* data, size_t length);
 
 }  // namespace zultest
