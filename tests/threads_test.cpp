@@ -2,7 +2,6 @@
 // result checked. Run under ThreadSanitizer by the tsan preset.
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,25 +32,6 @@ void CountError(const char*, unsigned int, const char*, bool) { g_errors.fetch_a
 
 class ThreadsTest : public zultest::PlatformTest {
 protected:
-    // Runs work(thread, round) on kThreads threads; counts the rounds that came out wrong.
-    int RunOnThreads(const std::function<bool(int)>& work) {
-        // The capturing callbacks of the fixture are not for several threads.
-        CZulCryptContext::SetDebugResponseFn(nullptr);
-        CZulCryptContext::SetErrorResponseFn(CountError);
-        g_errors.store(0);
-        std::atomic<int> wrong{0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&, t] {
-                for (int round = 0; round < kRounds; ++round) {
-                    if (!work(t)) wrong.fetch_add(1);
-                }
-            });
-        }
-        for (std::thread& thread : threads) thread.join();
-        return wrong.load();
-    }
-
     CZulCryptContext context;
 };
 
@@ -77,7 +57,11 @@ TEST_F(ThreadsTest, EveryCapabilityAgreesWithItsVectors) {
     const Bytes engine = FromHex("000000000000000000000002");
     const std::string jefe = "what do ya want for nothing?";
 
-    int wrong = RunOnThreads([&](int thread) {
+    // The capturing callbacks of the fixture are not for several threads.
+    CZulCryptContext::SetDebugResponseFn(nullptr);
+    CZulCryptContext::SetErrorResponseFn(CountError);
+    std::atomic<int> wrong{0};
+    auto round = [&](int thread) {
         // Each thread makes its own objects: objects are not shared, the context is.
         Bytes message = rsa.Bytes("In"), text(jefe.begin(), jefe.end()), abc = {'a', 'b', 'c'};
         Bytes block = FromHex("6bc1bee22e409f96e93d7e117393172a");
@@ -125,9 +109,16 @@ TEST_F(ThreadsTest, EveryCapabilityAgreesWithItsVectors) {
         ZulVklMdCtxDestroy(ctx, handle);
         ZulVklStatusDestroy(status);
         return ok;
-    });
+    };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) wrong += round(t) ? 0 : 1;
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
     ZulVklCtxDestroy(ctx);
-    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(g_errors.load(), 0);
 }
 

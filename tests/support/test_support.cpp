@@ -76,7 +76,6 @@ void PlatformTest::SetUp() {
     VKL_t* vkl = nullptr;
     WEXCryptGetContext(&vkl);
     VKLTest_Reset();
-    WEXTest_SetGetContextResult(-3);
     WEXTest_SetSystemFips(0);
     CZulCryptContext::SetLogLevel(0);
     diagnostics = new Diagnostics;
