@@ -90,11 +90,16 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              context().GetError(value);
              return Text(value.c_str());
          }},
+        // The call log as one line, its length, and its latest entry as Out.
         {"Log",
          [](const Args&) {
-             std::string log = VKLTest_CallLog();
-             for (char& c : log) c = c == '\n' ? ' ' : c;
-             return Text(log.c_str());
+             const auto names = zultest::CallLog();
+             std::string log;
+             for (const std::string& name : names) log += name + " ";
+             zultest::Outcome outcome = Text(log.c_str());
+             outcome.number = static_cast<long>(names.size());
+             if (!names.empty()) outcome.out.assign(names.back().begin(), names.back().end());
+             return outcome;
          }},
         {"Length", [](const Args& a) { return zultest::Number(VKLTest_LastLength(a[0].raw.c_str())); }},
         // The stand-ins' own test control, through raw calls. RandBytes length [times]
@@ -141,13 +146,6 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              return Text(text.data());
          }},
         {"Reset", [](const Args&) { VKLTest_Reset(); return Ok(true); }},
-        {"LogLines",
-         [](const Args&) {
-             const auto log = zultest::CallLog();
-             zultest::Outcome outcome = zultest::Number(static_cast<long>(log.size()));
-             outcome.text = log.empty() ? "" : log.back();
-             return outcome;
-         }},
         {"GetCtx",
          [](const Args&) {
              VKL_t* handed = nullptr;

@@ -140,6 +140,18 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
         return Bytes(static_cast<size_t>(std::max(size, 0)), 0xee);
     };
     using F = std::function<Outcome(Call&)>;
+    // The two directions of a cipher step share their arguments.
+    auto init = [](auto step) -> F {
+        return [=](Call& c) { return c.Result(step(c.Ctx(), c.Cipher(), c.Name(0), c.Buf(1), c.Buf(2), c.Status())); };
+    };
+    auto finalise = [](auto step) -> F {
+        return [=](Call& c) {
+            Bytes area(64);
+            ZulVklBuffer out{area.data(), 999};
+            const int r = step(c.Ctx(), c.Cipher(), c.Name(0), c.Out(out), c.Status());
+            return c.Result(r, area, out.data, out.length);
+        };
+    };
     const std::vector<std::pair<std::string, F>> calls = {
         {"Length", [=](Call& c) { return c.Result(ZulVklMdDigestLength(c.Ctx(), c.Name(0))); }},
         {"Key", [=](Call& c) {
@@ -167,12 +179,8 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
         {"Padding", [=](Call& c) {
              return c.Result(ZulVklCipherSetPadding(c.Ctx(), c.Cipher(), c.Int(0), c.Status()));
          }},
-        {"EncInit", [=](Call& c) {
-             return c.Result(ZulVklCipherEncryptInit(c.Ctx(), c.Cipher(), c.Name(0), c.Buf(1), c.Buf(2), c.Status()));
-         }},
-        {"DecInit", [=](Call& c) {
-             return c.Result(ZulVklCipherDecryptInit(c.Ctx(), c.Cipher(), c.Name(0), c.Buf(1), c.Buf(2), c.Status()));
-         }},
+        {"EncInit", init(ZulVklCipherEncryptInit)},
+        {"DecInit", init(ZulVklCipherDecryptInit)},
         {"EncUpdate", [=](Call& c) {
              Bytes area(1024);
              ZulVklBuffer out{area.data(), 12345};
@@ -187,18 +195,8 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
              const int r = ZulVklCipherDecryptUpdate(c.Ctx(), c.Cipher(), c.Name(0), c.Buf(1), c.Out(out), c.Status());
              return c.Result(r, area, out.data, out.length);
          }},
-        {"EncFinal", [=](Call& c) {
-             Bytes area(64);
-             ZulVklBuffer out{area.data(), 999};
-             const int r = ZulVklCipherEncryptFinalise(c.Ctx(), c.Cipher(), c.Name(0), c.Out(out), c.Status());
-             return c.Result(r, area, out.data, out.length);
-         }},
-        {"DecFinal", [=](Call& c) {
-             Bytes area(64);
-             ZulVklBuffer out{area.data(), 999};
-             const int r = ZulVklCipherDecryptFinalise(c.Ctx(), c.Cipher(), c.Name(0), c.Out(out), c.Status());
-             return c.Result(r, area, out.data, out.length);
-         }},
+        {"EncFinal", finalise(ZulVklCipherEncryptFinalise)},
+        {"DecFinal", finalise(ZulVklCipherDecryptFinalise)},
         {"Hmac", [=](Call& c) {
              Bytes area(64);
              ZulVklBuffer out{area.data(), 7};
