@@ -75,28 +75,22 @@ TEST_F(HmacTest, Scripts) {
     }
 }
 
-#if !defined(__SANITIZE_ADDRESS__)
-// Run in the child of a death test: with the address space capped at 1 GiB the
-// inner input of a 3 GiB message cannot be allocated. The data is never read.
-void HmacWithoutMemory(CZulCryptHMAC& hmac) {
-    CZulCryptContext::SetErrorResponseFn(nullptr);
-    struct rlimit limit = {};
-    limit.rlim_cur = limit.rlim_max = rlim_t{1} << 30;
-    setrlimit(RLIMIT_AS, &limit);
-    unsigned char data[1] = {};
-    unsigned char out[20];
-    unsigned int length = 0;
-    hmac.GetHMAC(data, 3u << 30, out, &length);
-}
-#endif
-
+// In a death test's child with the address space capped at 1 GiB, the inner input
+// of a 3 GiB message cannot be allocated. The data is never read.
 TEST_F(HmacTest, InsufficientMemoryEndsTheProcess) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer's shadow memory needs more address space than the limit leaves";
 #else
     CZulCryptHMAC hmac(*context, "SHA1", reinterpret_cast<const unsigned char*>("abc"), 3);
-    EXPECT_EXIT(HmacWithoutMemory(hmac), ::testing::ExitedWithCode(255),
-                "FILE:czulcrypthmac LINE:[0-9]+ DESC:Insufficient memory");
+    auto child = [&] {
+        CZulCryptContext::SetErrorResponseFn(nullptr);
+        const struct rlimit limit = {rlim_t{1} << 30, rlim_t{1} << 30};
+        setrlimit(RLIMIT_AS, &limit);
+        unsigned char data[1] = {}, out[20];
+        unsigned int length = 0;
+        hmac.GetHMAC(data, 3u << 30, out, &length);
+    };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(255), "FILE:czulcrypthmac LINE:[0-9]+ DESC:Insufficient memory");
 #endif
 }
 

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "script.h"
 #include "test_support.h"
 
 namespace zultest {
@@ -17,20 +18,12 @@ std::string Trim(const std::string& text) {
     return text.substr(begin, end - begin + 1);
 }
 
-bool Quoted(const std::string& value) { return value.size() >= 2 && value.front() == '"' && value.back() == '"'; }
-
 }  // namespace
 
-std::vector<unsigned char> VectorCase::Bytes(const std::string& name) const {
-    const std::string& value = fields.at(name);
-    if (Quoted(value)) return std::vector<unsigned char>(value.begin() + 1, value.end() - 1);
-    return FromHex(value);
-}
+// Values read as script arguments read: hex or "text", x*N repeats.
+std::vector<unsigned char> VectorCase::Bytes(const std::string& name) const { return Arg{fields.at(name)}.Bytes(); }
 
-std::string VectorCase::Text(const std::string& name) const {
-    const std::string& value = fields.at(name);
-    return Quoted(value) ? value.substr(1, value.size() - 2) : value;
-}
+std::string VectorCase::Text(const std::string& name) const { return Arg{fields.at(name)}.Text(); }
 
 long VectorCase::Number(const std::string& name) const { return std::stol(fields.at(name)); }
 
