@@ -74,6 +74,10 @@ zultest::Calls ZulcryptCalls(CZulCryptContext&) {
     };
 }
 
-TEST_F(ZulcryptTest, Scripts) { zultest::RunScripts("zulcrypt_scripts.vec", ZulcryptCalls); }
+TEST_F(ZulcryptTest, Scripts) {
+    for (const char* file : {"zulcrypt_scripts.vec", "snmp_usm_tool.vec"}) {
+        zultest::RunScripts(file, ZulcryptCalls);
+    }
+}
 
 }  // namespace

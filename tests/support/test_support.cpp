@@ -39,12 +39,6 @@ Diagnostics::~Diagnostics() {
     g_active = nullptr;
 }
 
-std::vector<std::string> Diagnostics::ErrorTexts() const {
-    std::vector<std::string> texts;
-    for (const ErrorReport& report : errors) texts.push_back(report.text);
-    return texts;
-}
-
 std::vector<std::string> Diagnostics::TracesAt(unsigned int level) const {
     std::vector<std::string> texts;
     for (const Trace& trace : traces) {

@@ -38,7 +38,6 @@ public:
     std::vector<ErrorReport> errors;
     std::vector<Trace> traces;
 
-    std::vector<std::string> ErrorTexts() const;
     // Traces of exactly this level, in order.
     std::vector<std::string> TracesAt(unsigned int level) const;
     // The error texts so far, each checked (non-fatally) to be an unfatal
