@@ -84,6 +84,7 @@ public:
 private:
     bool HasCipher() const;
     int CipherSize(const char* name, int (*query)(VKL_t*, const VKL_EVP_CIPHER_t*));
+    int Size(const VKL_EVP_CIPHER_t* cipher, int (*query)(VKL_t*, const VKL_EVP_CIPHER_t*));
     VKL_t* Vkl();
     void ReleaseIv();
     // Releases the VKL cipher context (its key schedule wiped by the reset) and its holder.

@@ -106,6 +106,11 @@ bool CZulCryptCipherContext::SetType(const char* name, const unsigned char* key,
         return false;
     }
     int required = VKL_EVP_CIPHER_iv_length(vkl, *m_pCipher);
+    // A failed query would size the IV copy from -1.
+    if (required < 0) {
+        ZUL_REPORT_VKL_ERROR(m_rContext);
+        return false;
+    }
     if (ivLength != 0 && ivLength != required) return false;
     ReleaseIv();
     m_pIv = new unsigned char[static_cast<size_t>(required)];
@@ -166,7 +171,14 @@ int CZulCryptCipherContext::CipherSize(const char* name, int (*query)(VKL_t*, co
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return -1;
     }
-    return query(Vkl(), cipher);
+    return Size(cipher, query);
+}
+
+// A failed query answers -1 (or VKL's negative result) and takes its queue entry with it.
+int CZulCryptCipherContext::Size(const VKL_EVP_CIPHER_t* cipher, int (*query)(VKL_t*, const VKL_EVP_CIPHER_t*)) {
+    const int size = cipher != nullptr ? query(Vkl(), cipher) : -1;
+    if (size < 0) zul::DrainVklErrors(Vkl());
+    return size;
 }
 
 int CZulCryptCipherContext::GetDefaultBlockSizeForType(const char* name) {
@@ -197,14 +209,12 @@ bool CZulCryptCipherContext::SetPadding(bool padding) {
 
 int CZulCryptCipherContext::GetKeySize() {
     if (m_pCipherCtxWrap == nullptr || m_pCipherCtxWrap->m_pCipherCtx == nullptr) return -1;
-    const VKL_EVP_CIPHER_t* cipher = VKL_EVP_CIPHER_CTX_cipher(Vkl(), m_pCipherCtxWrap->m_pCipherCtx);
-    return cipher != nullptr ? VKL_EVP_CIPHER_key_length(Vkl(), cipher) : -1;
+    return Size(VKL_EVP_CIPHER_CTX_cipher(Vkl(), m_pCipherCtxWrap->m_pCipherCtx), VKL_EVP_CIPHER_key_length);
 }
 
 int CZulCryptCipherContext::GetBlockSize() {
     if (m_pCipherCtxWrap == nullptr || m_pCipherCtxWrap->m_pCipherCtx == nullptr) return -1;
-    const VKL_EVP_CIPHER_t* cipher = VKL_EVP_CIPHER_CTX_cipher(Vkl(), m_pCipherCtxWrap->m_pCipherCtx);
-    return cipher != nullptr ? VKL_EVP_CIPHER_block_size(Vkl(), cipher) : -1;
+    return Size(VKL_EVP_CIPHER_CTX_cipher(Vkl(), m_pCipherCtxWrap->m_pCipherCtx), VKL_EVP_CIPHER_block_size);
 }
 
 void CZulCryptCipherContext::ResetCipher() {
@@ -224,7 +234,11 @@ void CZulCryptCipherContext::ResetCipher() {
 
 const char* CZulCryptCipherContext::GetType() {
     const char* type = nullptr;
-    if (m_bStatus && HasCipher()) type = VKL_OBJ_nid2sn(Vkl(), VKL_EVP_CIPHER_type(Vkl(), *m_pCipher));
+    if (m_bStatus && HasCipher()) {
+        const int nid = VKL_EVP_CIPHER_type(Vkl(), *m_pCipher);
+        if (nid == 0) zul::DrainVklErrors(Vkl());
+        type = VKL_OBJ_nid2sn(Vkl(), nid);
+    }
     // No blank after "returning": log readers match the text as it stands.
     if (Tracing()) {
         Trace(std::string("CZulCryptCipherContext::GetType() returning") +
