@@ -179,7 +179,8 @@ void CZulCryptDH::ComputeSharedSecret(CZulCryptBigNum* peerPublicKey) {
     std::memset(m_pSharedSecret, 0, static_cast<size_t>(size));
 
     C_VKL_BIGNUM_Wrap* peer = peerPublicKey->BuildNumber();
-    int result = -1;
+    // Nothing computed yet: anything but the full size is a failure.
+    int result = 0;
     if (peer != nullptr && peer->m_pBigNum != nullptr) {
         result = VKL_DH_compute_key(Vkl(), m_pSharedSecret, peer->m_pBigNum, m_pDHWrap->m_pDH);
         VKL_BN_clear_free(Vkl(), peer->m_pBigNum);
