@@ -56,7 +56,7 @@ zultest::Calls Calls(CZulCryptContext& context) {
     WEXCryptGetContext(&vkl);
     auto bytes = [](const zultest::Arg& a) { return a.IsNull() || a.raw == "null" ? std::vector<unsigned char>() : a.Bytes(); };
     auto held = [=] { return Sized(n->GetBigNumPacket(), n->GetLen()); };
-    auto secret = [=] { int length = 0; const unsigned char* bytes = (*dh)->GetSharedSecret(length); return Sized(bytes, length); };
+    auto secret = [=] { int length = 0; const unsigned char* s = (*dh)->GetSharedSecret(length); return Sized(s, length); };
     return {
         // Set bytes [length]
         {"Set", [=](const Args& a) {
@@ -105,7 +105,8 @@ zultest::Calls Calls(CZulCryptContext& context) {
              return out;
          }},
         {"Dump", [=](const Args&) {
-             testing::internal::CaptureStdout(), n->Dump();
+             testing::internal::CaptureStdout();
+             n->Dump();
              return zultest::Text(testing::internal::GetCapturedStdout().c_str());
          }},
         // New [primeBits generator]
