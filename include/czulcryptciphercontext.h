@@ -41,8 +41,8 @@ public:
     int GetDefaultIvLengthForType(const char* name);
 
     // After SetType: a new key length (a variable key length cipher is keyed again from
-    // VKL's own copy; a length longer than the key given is refused), or padding on or off. True when VKL accepted it; false otherwise (reported
-    // unless the object is unusable).
+    // VKL's own copy; a length longer than the key given is refused), or padding on or off.
+    // True when VKL accepted it; false otherwise (reported unless the object is unusable).
     bool SetKeyLength(int length);
     bool SetPadding(bool padding);
 

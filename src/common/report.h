@@ -8,6 +8,8 @@
 
 #include <czulcryptcontext.h>
 
+#include "vkl_context.h"
+
 namespace zul {
 
 // Empties VKL's error queue. An entry left there would later be reported as the
@@ -20,9 +22,7 @@ inline void DrainVklErrors(VKL_t* vkl) {
     }
 }
 
-inline void DrainVklErrors(CZulCryptContext& context) {
-    if (C_VKL_CTX_Wrap* wrap = context.GetContext()) DrainVklErrors(wrap->m_pCtx);
-}
+inline void DrainVklErrors(CZulCryptContext& context) { DrainVklErrors(VklOf(context)); }
 
 // For a VKL call whose failure changes nothing this library does (a re-init, a seed, a
 // release that cannot be retried): its entry must not outlive it either.

@@ -174,7 +174,7 @@ bool CZulCryptSignature::Ready() {
 
 void CZulCryptSignature::InitDigestContext() {
     // Ignored, as every operation starts with its own DigestInit; but its entry goes now.
-    if (VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx) != 1) zul::DrainVklErrors(Vkl());
+    zul::DropVklFailure(Vkl(), VKL_EVP_MD_CTX_init(Vkl(), m_pMDCtxWrap->m_pMDCtx));
 }
 
 bool CZulCryptSignature::GetSignature(void* data, unsigned int dataLength, unsigned char* signature,
