@@ -1,4 +1,5 @@
 #include <czulcryptdh.h>
+#include <algorithm>
 
 #include <cstdlib>
 #include <cstring>
@@ -109,7 +110,7 @@ CZulCryptDH::~CZulCryptDH() {
 VKL_t* CZulCryptDH::Vkl() { return zul::VklOf(m_rContext); }
 
 void CZulCryptDH::ReleaseSecret(int length) {
-    if (length > 0) zul::Cleanse(m_pSharedSecret, static_cast<size_t>(length));
+    zul::Cleanse(m_pSharedSecret, static_cast<size_t>(std::max(length, 0)));
     std::free(m_pSharedSecret);
     m_pSharedSecret = nullptr;
 }

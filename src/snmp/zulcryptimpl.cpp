@@ -507,6 +507,7 @@ int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* d
     // Finished beside the caller's area, so a failure leaves that area as it was.
     unsigned char mac[kMaxMac];
     if (VKL_EVP_MD_size(&vkl, type) > static_cast<int>(sizeof mac)) {
+        zul::DrainVklErrors(&vkl);  // told in this library's words, as a lookup miss is
         return Report(status, "The %s message digest is too long for an HMAC", digest);
     }
     unsigned int written = 0;
