@@ -104,6 +104,7 @@ void RunScripts(const std::string& file, const Driver& driver) {
         WEXTest_SetSystemFips(script.Has("Fips") ? static_cast<int>(script.Number("Fips")) : 0);
         CZulCryptContext::SetLogLevel(script.Has("LogLevel") ? static_cast<unsigned>(script.Number("LogLevel")) : 0);
         Diagnostics diagnostics;
+        const long live = VKLTest_LiveObjects();
         auto context = std::make_unique<CZulCryptContext>();
         WEXTest_SetGetContextResult(-3);
         if (script.Has("Override")) context->SetIsNonFIPSAllowedInFIPS(script.Number("Override") != 0);
@@ -226,6 +227,8 @@ void RunScripts(const std::string& file, const Driver& driver) {
         WEXTest_SetSystemFips(0);
         CZulCryptContext::SetLogLevel(0);
         context.reset();
+        EXPECT_EQ(VKLTest_LiveObjects(), live + (script.Has("Lost") ? script.Number("Lost") : 0))
+            << "VKL handles left alive";
         diagnostics.Clear();
     }
 }

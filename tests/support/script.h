@@ -15,6 +15,8 @@
 //   Queue = "text" "text"        the entries left on VKL's error queue (- for none), taken
 //   NoVkl = 1 / Fips = 1 / Override = 0 / LogLevel = N, before the first call,
 //                                set up the context the case's objects are made on
+//   Lost = N                     VKL handles the case loses on purpose; any other one
+//                                still alive at its end is a leak
 // Arguments are hex, "text" (\n for a line break), a number, - for null; a
 // value followed by *N stands for N copies of it. $ctx in a text is the
 // context's address as streams print it. A header line [File = name] names the

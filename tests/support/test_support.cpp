@@ -73,6 +73,7 @@ void PlatformTest::SetUp() {
     WEXTest_SetSystemFips(0);
     CZulCryptContext::SetLogLevel(0);
     diagnostics = new Diagnostics;
+    liveObjects = VKLTest_LiveObjects();
 }
 
 void PlatformTest::TearDown() {
@@ -81,6 +82,7 @@ void PlatformTest::TearDown() {
     WEXTest_SetGetContextResult(-3);
     WEXCryptGetContext(&vkl);
     EXPECT_EQ(TakeQueue(vkl), std::vector<std::string>{}) << "left on VKL's error queue";
+    EXPECT_EQ(VKLTest_LiveObjects(), liveObjects) << "VKL handles left alive";
     delete diagnostics;
     diagnostics = nullptr;
     VKLTest_Reset();

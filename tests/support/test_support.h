@@ -54,6 +54,7 @@ protected:
     void TearDown() override;
 
     Diagnostics* diagnostics = nullptr;
+    long liveObjects = 0;
 };
 
 // A PlatformTest with a usable crypto context made before each test; the VKL

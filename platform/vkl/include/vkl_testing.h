@@ -36,6 +36,11 @@ unsigned long VKLTest_CallCount(const char* function);
 /* The length or count argument of the latest call of `function`; -1 before any call. */
 long VKLTest_LastLength(const char* function);
 
+/* Handles of the stand-in alive now (contexts, digest, cipher, HMAC and key containers, big
+ * numbers, including those inside RSA and DH records): equal before and after a piece of work
+ * that releases all it made. */
+long VKLTest_LiveObjects(void);
+
 /* Names of the VKL functions called since the last reset, one per line, oldest first
  * (the latest 8192 at most). Valid until the next call of this function or a reset. */
 const char* VKLTest_CallLog(void);

@@ -9,6 +9,7 @@
 struct VKL_BIGNUM_s {
     // Cleared on release: numbers carry private exponents and primes.
     vkl::BnPtr bn;
+    vkl::Live live;
 };
 
 #endif  // VKL_BIGNUM_H

@@ -26,6 +26,7 @@ struct VKL_EVP_CIPHER_CTX_s {
     int ivKept = 0;
     unsigned char key[EVP_MAX_KEY_LENGTH];
     unsigned char iv[EVP_MAX_IV_LENGTH];
+    vkl::Live live;
 
     void ForgetKey() {
         OPENSSL_cleanse(key, static_cast<size_t>(keyKept));

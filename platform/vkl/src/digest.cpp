@@ -36,6 +36,7 @@ struct VKL_EVP_MD_CTX_s {
     // gathering the pieces.
     size_t touched = 0;
     unsigned char staging[vkl::kStagingRoom];
+    vkl::Live live;
 };
 
 namespace vkl {

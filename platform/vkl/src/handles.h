@@ -3,6 +3,7 @@
 #ifndef VKL_HANDLES_H
 #define VKL_HANDLES_H
 
+#include <atomic>
 #include <memory>
 
 #include <openssl/bn.h>
@@ -35,6 +36,19 @@ using MontCtxPtr = std::unique_ptr<BN_MONT_CTX, Deleter<BN_MONT_CTX, BN_MONT_CTX
 using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, Deleter<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
 using ParamsPtr = std::unique_ptr<OSSL_PARAM, Deleter<OSSL_PARAM, OSSL_PARAM_free>>;
 using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Deleter<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
+
+// A member of every handle the stand-in hands out: the count of those alive lets a test
+// see a leaked handle without a sanitizer (VKLTest_LiveObjects).
+struct Live {
+    Live() noexcept { Count().fetch_add(1, std::memory_order_relaxed); }
+    Live(const Live&) noexcept : Live() {}
+    Live& operator=(const Live&) noexcept { return *this; }
+    ~Live() { Count().fetch_sub(1, std::memory_order_relaxed); }
+    static std::atomic<long>& Count() {
+        static std::atomic<long> count{0};
+        return count;
+    }
+};
 
 }  // namespace vkl
 

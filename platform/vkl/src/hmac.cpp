@@ -23,6 +23,7 @@ struct VKL_HMAC_CTX_s {
     std::vector<unsigned char> key;    // kept to recognise the same key again
     bool armed = false;                // initialised and not yet finalised
     bool untouched = false;            // armed with nothing fed since: a re-arm has nothing to undo
+    vkl::Live live;
 
     ~VKL_HMAC_CTX_s() { ForgetKey(); }
 

@@ -19,6 +19,7 @@
 struct VKL_EVP_PKEY_s {
     // A reference of the container's own, dropped when the container goes.
     VKL_RSA_t* rsa = nullptr;
+    vkl::Live live;
 };
 
 namespace vkl {

@@ -12,6 +12,7 @@
 #include <vkl_testing.h>
 
 #include "errors.h"
+#include "handles.h"
 #include "testing_state.h"
 
 namespace vkl {
@@ -155,6 +156,8 @@ void VKLTest_SetStatus(const char* function, int major, int minor, const char* d
     std::lock_guard<std::mutex> guard(registry.lock);
     registry.forced[function] = forced;
 }
+
+long VKLTest_LiveObjects(void) { return vkl::Live::Count().load(std::memory_order_relaxed); }
 
 unsigned long VKLTest_CallCount(const char* function) {
     return function == nullptr ? 0 : Probe::Named(function).Count();

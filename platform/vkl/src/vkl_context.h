@@ -37,6 +37,7 @@ struct VKL_s {
     vkl::ProviderPtr defaultProvider;
     vkl::ProviderPtr legacyProvider;
     VKL_STATUS_t status{};
+    vkl::Live live;
 
     // Fetched algorithms, kept for the context's life: OpenSSL 3's implicit
     // fetch by name costs more than hashing a short message. Objects of one
