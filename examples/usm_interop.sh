@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# usm_get against Debian's snmpd, its output against snmpget's, for every auth x priv pair;
+# then usm_agent queried by snmpget. Only 127.0.0.1, ports picked at run time, every process
+# started here stopped by its pid on the way out. Exit 77 (skipped) without snmpd and snmpget.
+# usage: usm_interop.sh USM_GET [USM_AGENT]
+set -u
+get=$1
+agent=${2:-}
+PATH=$PATH:/usr/sbin
+if ! command -v snmpd >/dev/null || ! command -v snmpget >/dev/null; then
+  echo "skipped: snmpd and snmpget are not installed (apt-get install snmpd snmp)"
+  exit 77
+fi
+
+dir=$(mktemp -d)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null; done
+  rm -rf "$dir"
+}
+trap cleanup EXIT
+# snmpget keeps its own state and reads its configuration from here only.
+export SNMPCONFPATH=$dir SNMP_PERSISTENT_DIR=$dir/client HOME=$dir
+printf 'maplesyrup\n' >"$dir/pw"
+printf 'maplesyrop\n' >"$dir/wrong"
+
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+# auth priv: MD5 and SHA-1 through SHA-512 with DES and AES-128, and AES-192/256 (plain and -C)
+# where the localised key is long enough for them without key extension.
+pairs=()
+for auth in MD5 SHA SHA-224 SHA-256 SHA-384 SHA-512; do pairs+=("$auth DES" "$auth AES"); done
+pairs+=("SHA-224 AES-192" "SHA-256 AES-256" "SHA-384 AES-192-C" "SHA-512 AES-256-C")
+
+snmpget_() { # user auth priv authpw privpw port oids...
+  local user=$1 auth=$2 priv=$3 apw=$4 ppw=$5 port=$6
+  shift 6
+  snmpget -m '' -v3 -On -l authPriv -u "$user" -a "$auth" -A "$apw" -x "$priv" -X "$ppw" -r 1 -t 3 \
+    "127.0.0.1:$port" "$@"
+}
+
+# Runs the function $1 (which execs a daemon on $port) in the background until the daemon answers
+# snmpget as user u0 (SHA/AES). A daemon whose port was taken exits, and another port is tried.
+start() {
+  local try
+  for try in 1 2 3 4 5; do
+    port=$((20000 + RANDOM % 40000))
+    "$1" >"$dir/daemon.log" 2>&1 &
+    pids+=($!)
+    for _ in $(seq 50); do
+      kill -0 "${pids[-1]}" 2>/dev/null || break
+      snmpget_ u0 SHA AES maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0 >/dev/null 2>&1 && return 0
+      sleep 0.2
+    done
+    kill "${pids[-1]}" 2>/dev/null && wait "${pids[-1]}" 2>/dev/null
+  done
+  echo "FAIL: could not start $1"; cat "$dir/daemon.log"
+  exit 1
+}
+
+# ---- usm_get against snmpd ----
+conf=$dir/snmpd.conf
+{
+  echo "agentAddress udp:127.0.0.1:@PORT@"
+  echo "rouser u0 authpriv"
+  echo "createUser u0 SHA \"maplesyrup\" AES \"maplesyrup\""
+  n=1
+  for pair in "${pairs[@]}"; do
+    set -- $pair
+    echo "rouser u$n authpriv"
+    echo "createUser u$n $1 \"maplesyrup\" $2 \"maplesyrup\""
+    n=$((n + 1))
+  done
+} >"$conf.in"
+mkdir -p "$dir/snmpd"
+snmpd_() {
+  sed "s/@PORT@/$port/" "$conf.in" >"$conf"
+  exec snmpd -f -Lo -C -c "$conf" --persistentDir="$dir/snmpd" -p "$dir/snmpd.pid"
+}
+start snmpd_
+
+# Values that stay put: strings, an OID, the engine ID as hex, an integer, a missing object.
+oids=(1.3.6.1.2.1.1.1.0 1.3.6.1.2.1.1.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 1.3.6.1.2.1.1.99.0)
+usm_get_() { # user auth priv authfile privfile oids...
+  local user=$1 auth=$2 priv=$3 apw=$4 ppw=$5
+  shift 5
+  "$get" --user "$user" --auth "$auth" --auth-password-file "$apw" --priv "$priv" --priv-password-file "$ppw" \
+    "127.0.0.1:$port" "$@"
+}
+n=1
+for pair in "${pairs[@]}"; do
+  set -- $pair
+  expected=$(snmpget_ "u$n" "$1" "$2" maplesyrup maplesyrup "$port" "${oids[@]}" 2>&1)
+  actual=$(usm_get_ "u$n" "$1" "$2" "$dir/pw" "$dir/pw" "${oids[@]}" 2>&1)
+  [ -n "$expected" ] && [ "$expected" = "$actual" ] || fail "usm_get $pair: got [$actual], snmpget says [$expected]"
+  uptime=$(usm_get_ "u$n" "$1" "$2" "$dir/pw" "$dir/pw" 1.3.6.1.2.1.1.3.0 2>&1)
+  [[ $uptime =~ ^\.1\.3\.6\.1\.2\.1\.1\.3\.0\ =\ Timeticks:\ \([0-9]+\)\ [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$ ]] ||
+    fail "usm_get $pair sysUpTime: [$uptime]"
+  n=$((n + 1))
+done
+echo "usm_get: ${#pairs[@]} pairs compared with snmpget"
+
+refused() { # what expected-message command...
+  local what=$1 message=$2 out status
+  shift 2
+  out=$("$@" 2>&1)
+  status=$?
+  [ "$status" -eq 1 ] && [[ $out == *"$message"* ]] && [[ $out != *" = "* ]] ||
+    fail "$what: exit $status, [$out]"
+}
+refused "wrong auth password" "Authentication failure" usm_get_ u1 MD5 DES "$dir/wrong" "$dir/pw" 1.3.6.1.2.1.1.1.0
+refused "wrong priv password" "no response" usm_get_ u2 MD5 AES "$dir/pw" "$dir/wrong" 1.3.6.1.2.1.1.1.0
+refused "unknown user" "Unknown user name" usm_get_ nobody SHA AES "$dir/pw" "$dir/pw" 1.3.6.1.2.1.1.1.0
+
+echo "$failures failure(s)"
+[ "$failures" -eq 0 ]
