@@ -2,10 +2,10 @@
 # usm_get against Debian's snmpd, its output against snmpget's, for every auth x priv pair;
 # then usm_agent queried by snmpget. Only 127.0.0.1, ports picked at run time, every process
 # started here stopped by its pid on the way out. Exit 77 (skipped) without snmpd and snmpget.
-# usage: usm_interop.sh USM_GET [USM_AGENT]
+# usage: usm_interop.sh USM_GET USM_AGENT
 set -u
 get=$1
-agent=${2:-}
+agent=$2
 PATH=$PATH:/usr/sbin
 if ! command -v snmpd >/dev/null || ! command -v snmpget >/dev/null; then
   echo "skipped: snmpd and snmpget are not installed (apt-get install snmpd snmp)"
@@ -13,9 +13,17 @@ if ! command -v snmpd >/dev/null || ! command -v snmpget >/dev/null; then
 fi
 
 dir=$(mktemp -d)
-pids=()
+daemon= # the one daemon running, if any
+stop() { # 0 when it exits cleanly on SIGTERM
+  local pid=$daemon status
+  daemon=
+  kill "$pid" 2>/dev/null
+  wait "$pid" 2>/dev/null
+  status=$?
+  return "$status"
+}
 cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null; done
+  [ -z "$daemon" ] || stop
   rm -rf "$dir"
 }
 trap cleanup EXIT
@@ -41,21 +49,21 @@ snmpget_() { # user auth priv authpw privpw port oids...
 }
 
 # Runs the function $1 (which execs a daemon on $port) in the background until the daemon answers
-# snmpget as user u0 (SHA/AES). A daemon whose port was taken exits, and another port is tried.
+# snmpget as user $2 with auth $3 and priv $4. A daemon whose port was taken exits; another port is tried.
 start() {
   local try
   for try in 1 2 3 4 5; do
     port=$((20000 + RANDOM % 40000))
     "$1" >"$dir/daemon.log" 2>&1 &
-    pids+=($!)
+    daemon=$!
     for _ in $(seq 50); do
-      kill -0 "${pids[-1]}" 2>/dev/null || break
-      snmpget_ u0 SHA AES maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0 >/dev/null 2>&1 && return 0
+      kill -0 "$daemon" 2>/dev/null || break
+      snmpget_ "$2" "$3" "$4" maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0 >/dev/null 2>&1 && return 0
       sleep 0.2
     done
-    kill "${pids[-1]}" 2>/dev/null && wait "${pids[-1]}" 2>/dev/null
+    stop
   done
-  echo "FAIL: could not start $1"; cat "$dir/daemon.log"
+  echo "FAIL: could not start $1 for $2 $3 $4"; cat "$dir/daemon.log"
   exit 1
 }
 
@@ -78,7 +86,7 @@ snmpd_() {
   sed "s/@PORT@/$port/" "$conf.in" >"$conf"
   exec snmpd -f -Lo -C -c "$conf" --persistentDir="$dir/snmpd" -p "$dir/snmpd.pid"
 }
-start snmpd_
+start snmpd_ u0 SHA AES
 
 # Values that stay put: strings, an OID, the engine ID as hex, an integer, a missing object.
 oids=(1.3.6.1.2.1.1.1.0 1.3.6.1.2.1.1.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 1.3.6.1.2.1.1.99.0)
@@ -112,6 +120,47 @@ refused() { # what expected-message command...
 refused "wrong auth password" "Authentication failure" usm_get_ u1 MD5 DES "$dir/wrong" "$dir/pw" 1.3.6.1.2.1.1.1.0
 refused "wrong priv password" "no response" usm_get_ u2 MD5 AES "$dir/pw" "$dir/wrong" 1.3.6.1.2.1.1.1.0
 refused "unknown user" "Unknown user name" usm_get_ nobody SHA AES "$dir/pw" "$dir/pw" 1.3.6.1.2.1.1.1.0
+stop
+
+# ---- usm_agent queried by snmpget ----
+uptime_re='^\.1\.3\.6\.1\.2\.1\.1\.3\.0 = Timeticks: \([0-9]+\) [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$'
+descr='.1.3.6.1.2.1.1.1.0 = STRING: "libwexcryptcpp example agent"'
+agent_() {
+  exec "$agent" --port "$port" --user alice --auth "$auth" --auth-password-file "$dir/pw" --priv "$priv" \
+    --priv-password-file "$dir/pw"
+}
+for pair in "${pairs[@]}"; do
+  set -- $pair
+  auth=$1 priv=$2
+  start agent_ alice "$1" "$2"
+  out=$(snmpget_ alice "$1" "$2" maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0 1.3.6.1.2.1.1.3.0 2>&1)
+  { [ "$(sed -n 1p <<<"$out")" = "$descr" ] && [[ $(sed -n 2p <<<"$out") =~ $uptime_re ]]; } ||
+    fail "usm_agent $pair: [$out]"
+  refused "usm_agent $pair, wrong auth password" "Authentication failure" \
+    snmpget_ alice "$1" "$2" maplesyrop maplesyrup "$port" 1.3.6.1.2.1.1.1.0
+  stop
+done
+echo "usm_agent: ${#pairs[@]} pairs queried by snmpget"
+
+# The last agent again: a wrong priv password, an unknown user, and a request stamped 100000 s
+# off the agent's clock, which it must refuse with an authenticated notInTimeWindows report
+# (snmpget then takes the agent's time from it and asks again).
+start agent_ alice "$1" "$2"
+refused "usm_agent, wrong priv password" "Decryption error" \
+  snmpget_ alice "$1" "$2" maplesyrup maplesyrop "$port" 1.3.6.1.2.1.1.1.0
+refused "usm_agent, unknown user" "Unknown user name" \
+  snmpget_ bob "$1" "$2" maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0
+engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' "$dir/daemon.log")
+late=$(snmpget_ alice "$1" "$2" maplesyrup maplesyrup "$port" -e "0x$engine" -Z 1,100000 1.3.6.1.2.1.1.1.0 2>&1)
+[ "$late" = "$descr" ] || fail "usm_agent after a late request: [$late]"
+counts=$(snmpget_ alice "$1" "$2" maplesyrup maplesyrup "$port" 1.3.6.1.6.3.15.1.1.{2,3,5,6}.0 2>&1)
+expected_counts=".1.3.6.1.6.3.15.1.1.2.0 = Counter32: 1
+.1.3.6.1.6.3.15.1.1.3.0 = Counter32: 1
+.1.3.6.1.6.3.15.1.1.5.0 = Counter32: 0
+.1.3.6.1.6.3.15.1.1.6.0 = Counter32: 1"
+[ "$counts" = "$expected_counts" ] || fail "usm_agent usmStats: [$counts]"
+stop || fail "usm_agent did not stop cleanly on SIGTERM"
+grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" "$dir/daemon.log" || fail "usm_agent's counts on exit"
 
 echo "$failures failure(s)"
 [ "$failures" -eq 0 ]
