@@ -48,19 +48,25 @@ snmpget_() { # user auth priv authpw privpw port oids...
     "127.0.0.1:$port" "$@"
 }
 
-# Runs the function $1 (which execs a daemon on $port) in the background until the daemon answers
-# snmpget as user $2 with auth $3 and priv $4. A daemon whose port was taken exits; another port is tried.
+# Runs the function $1 (which execs a daemon on $port) in the background until the daemon has bound
+# 127.0.0.1:$port and answers snmpget as user $2 with auth $3 and priv $4 (snmpget is asked only then:
+# a request to a port nobody has bound yet just waits out its timeout). A daemon whose port was
+# taken exits, and another port is tried.
 start() {
-  local try
+  local try bound
   for try in 1 2 3 4 5; do
     port=$((20000 + RANDOM % 40000))
+    bound=$(printf '0100007F:%04X ' "$port")
+    grep -q "$bound" /proc/net/udp && continue
     "$1" >"$dir/daemon.log" 2>&1 &
     daemon=$!
-    for _ in $(seq 50); do
+    for _ in $(seq 200); do
       kill -0 "$daemon" 2>/dev/null || break
-      snmpget_ "$2" "$3" "$4" maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0 >/dev/null 2>&1 && return 0
-      sleep 0.2
+      grep -q "$bound" /proc/net/udp && break
+      sleep 0.1
     done
+    kill -0 "$daemon" 2>/dev/null &&
+      snmpget_ "$2" "$3" "$4" maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0 >/dev/null 2>&1 && return 0
     stop
   done
   echo "FAIL: could not start $1 for $2 $3 $4"; cat "$dir/daemon.log"
@@ -138,7 +144,7 @@ for pair in "${pairs[@]}"; do
     fail "usm_agent $pair: [$out]"
   refused "usm_agent $pair, wrong auth password" "Authentication failure" \
     snmpget_ alice "$1" "$2" maplesyrop maplesyrup "$port" 1.3.6.1.2.1.1.1.0
-  stop
+  stop || fail "usm_agent $pair did not stop cleanly on SIGTERM"
 done
 echo "usm_agent: ${#pairs[@]} pairs queried by snmpget"
 

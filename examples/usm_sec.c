@@ -1,9 +1,11 @@
 #include "usm_sec.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/random.h>
+#include <unistd.h>
 
 static const UsmAuthProtocol kAuth[] = {
     {"MD5", "MD5", 12},         {"SHA", "SHA1", 12},        {"SHA-224", "SHA224", 16},
@@ -92,27 +94,39 @@ void UsmCryptoClose(UsmCrypto* crypto) {
     memset(crypto, 0, sizeof *crypto);
 }
 
-/* The first line of the file, its line ending removed: its length, or -1 with a message. */
+/* The first line of the file, its line ending removed: its length, or -1 with a message. Read with
+ * read() into the caller's buffer, so no stdio buffer keeps a copy of the password. */
 static int ReadPassword(const char* path, char* out, size_t capacity) {
-    FILE* file = fopen(path, "r");
-    if (file == NULL) {
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         fprintf(stderr, "cannot read the password file %s: %s\n", path, strerror(errno));
         return -1;
     }
-    int got = fgets(out, (int)capacity, file) != NULL;
-    int rest = got && strchr(out, '\n') == NULL ? fgetc(file) : EOF;
-    fclose(file);
-    if (!got) out[0] = '\0';
-    size_t length = strcspn(out, "\n");
-    if (length > 0 && out[length - 1] == '\r') --length;
-    out[length] = '\0';
-    if (rest != EOF) {
-        fprintf(stderr, "the password in %s is longer than %zu characters\n", path, capacity - 2);
+    size_t used = 0;
+    char* newline = NULL;
+    while (newline == NULL && used < capacity - 1) {
+        ssize_t got = read(fd, out + used, capacity - 1 - used);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            fprintf(stderr, "cannot read the password file %s: %s\n", path, strerror(errno));
+            close(fd);
+            return -1;
+        }
+        if (got == 0) break;
+        newline = memchr(out + used, '\n', (size_t)got);
+        used += (size_t)got;
+    }
+    close(fd);
+    if (newline == NULL && used == capacity - 1) {
+        fprintf(stderr, "the first line of %s is too long for a password\n", path);
         return -1;
     }
+    size_t length = newline != NULL ? (size_t)(newline - out) : used;
+    if (length > 0 && out[length - 1] == '\r') --length;
+    out[length] = '\0';
     /* snmpd refuses shorter passwords too (RFC 3414 11.2). */
-    if (length < 8) {
-        fprintf(stderr, "the password in %s is shorter than 8 characters\n", path);
+    if (length < 8 || memchr(out, '\0', length) != NULL) {
+        fprintf(stderr, "the password in %s is shorter than 8 characters or holds a NUL\n", path);
         return -1;
     }
     return (int)length;
@@ -186,9 +200,10 @@ static int Mac(UsmCrypto* crypto, const UsmUser* user, const unsigned char* mess
 
 int UsmSign(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, size_t length, size_t macOffset) {
     unsigned char mac[USM_MAX_KEY];
-    if (!Mac(crypto, user, message, length, mac)) return 0;
-    memcpy(message + macOffset, mac, user->auth->macLength);
-    return 1;
+    int ok = Mac(crypto, user, message, length, mac);
+    if (ok) memcpy(message + macOffset, mac, user->auth->macLength);
+    UsmWipe(mac, sizeof mac);
+    return ok;
 }
 
 int UsmVerify(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, size_t length, size_t macOffset,
@@ -202,6 +217,7 @@ int UsmVerify(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, si
     /* Constant time: a forger must not learn how many leading bytes were right. */
     unsigned char difference = 0;
     for (size_t i = 0; i < macLength; ++i) difference |= (unsigned char)(received[i] ^ mac[i]);
+    UsmWipe(mac, sizeof mac);
     return ok && difference == 0;
 }
 
