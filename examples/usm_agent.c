@@ -87,7 +87,7 @@ static uint64_t Ticks(const Engine* engine) {
 
 static int64_t EngineTime(const Engine* engine) { return (int64_t)(Ticks(engine) / 100); }
 
-/* OIDs compared by their arcs (their BER bytes do not sort the same way once an arc needs two). */
+/* -1, 0 or 1 as OID a sorts before, with or after OID b, compared by their arcs (their BER bytes do not sort the same way once an arc needs two). */
 static int CompareOids(const unsigned char* a, size_t aLength, const unsigned char* b, size_t bLength) {
     size_t i = 0, j = 0;
     while (i < aLength && j < bLength) {
@@ -184,7 +184,8 @@ static size_t Reply(Engine* engine, const UsmHeader* in, unsigned char flags, co
     return m.length;
 }
 
-/* A report of the counter, after counting it; only when the request asked for reports. */
+/* Counts the error, then writes its report into gOut when the request asked for reports: the
+ * report's length, or 0 when none is sent. */
 static size_t Report(Engine* engine, const UsmHeader* in, int counter, int64_t requestId) {
     unsigned char value[16];
     ++engine->stats[counter];
@@ -261,6 +262,7 @@ static size_t Handle(Engine* engine, size_t length) {
     return reply;
 }
 
+/* Answers requests until SIGTERM or SIGINT: 1 then, 0 when waiting for requests failed. */
 static int Serve(Engine* engine, int s) {
     sigset_t blocked, open;
     sigemptyset(&blocked);

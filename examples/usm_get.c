@@ -59,6 +59,7 @@ static int64_t EngineTime(const Agent* agent) {
     return agent->time + (int64_t)(Seconds(&now) - Seconds(&agent->heard));
 }
 
+/* A UDP socket connected to HOST:PORT (port 161 when none is given), or -1. */
 static int Connect(const char* address) {
     char host[256];
     const char* colon = strrchr(address, ':');
@@ -103,6 +104,7 @@ static size_t Exchange(Agent* agent, const unsigned char* out, size_t length, in
     return 0;
 }
 
+/* A fresh msgID or request-id, 0 to 2^31-1. */
 static int64_t NewId(void) {
     uint32_t id = 0;
     if (!UsmRandom(&id, sizeof id)) id = (uint32_t)time(NULL);
@@ -126,6 +128,8 @@ static const char* ReportText(const UsmPdu* pdu) {
     return "Report from the agent";
 }
 
+/* Engine discovery (RFC 3414 4): a request with no engine ID and no user draws a report carrying
+ * the agent's engine ID, boots and time. 1 with them in agent, or 0 with a message. */
 static int Discover(Agent* agent) {
     static const unsigned char kReportable = USM_FLAG_REPORTABLE;
     unsigned char pduBytes[64];

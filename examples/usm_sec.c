@@ -59,6 +59,7 @@ int UsmRandom(void* out, size_t length) {
     return 1;
 }
 
+/* Reports the library's failure text; returns 0 for the caller to pass on. */
 static int Fail(UsmCrypto* crypto, const char* what) {
     fprintf(stderr, "%s failed: %s\n", what, crypto->status != NULL ? crypto->status->errorMsg : "");
     return 0;
@@ -132,6 +133,7 @@ static int ReadPassword(const char* path, char* out, size_t capacity) {
     return (int)length;
 }
 
+/* The password in the file turned into the user's key Ku (RFC 3414 A.2): 1, or 0 with a message. */
 static int PasswordToKey(UsmCrypto* crypto, const UsmUser* user, const char* path, unsigned char* ku) {
     char password[1026];
     int length = ReadPassword(path, password, sizeof password);
@@ -184,6 +186,7 @@ void UsmUserWipe(UsmUser* user) {
     UsmWipe(user->privKey, sizeof user->privKey);
 }
 
+/* The full HMAC of the message under the localised authentication key: 1, or 0 with a message. */
 static int Mac(UsmCrypto* crypto, const UsmUser* user, const unsigned char* message, size_t length,
                unsigned char mac[USM_MAX_KEY]) {
     ZulVklConstBuffer key = {user->authKey, (uint32_t)user->keyLength};
@@ -221,8 +224,9 @@ int UsmVerify(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, si
     return ok && difference == 0;
 }
 
-/* The cipher key and IV of one message (RFC 3414 8.1.1.1, RFC 3826 3.1.2.1). */
-static void KeyAndIv(const UsmUser* user, uint32_t boots, uint32_t time, const unsigned char* salt,
+/* The IV of one message: pre-IV XOR salt for DES (RFC 3414 8.1.1.1), boots, time and salt for AES
+ * (RFC 3826 3.1.2.1). */
+static void Iv(const UsmUser* user, uint32_t boots, uint32_t time, const unsigned char* salt,
                      unsigned char iv[16]) {
     if (user->priv->des) {
         for (int i = 0; i < 8; ++i) iv[i] = (unsigned char)(user->privKey[8 + i] ^ salt[i]);
@@ -241,7 +245,7 @@ int UsmEncrypt(UsmCrypto* crypto, const UsmUser* user, uint32_t boots, uint32_t 
     const char* name = user->priv->cipher;
     unsigned char iv[16], padding[8] = {0};
     for (int i = 0; i < 8; ++i) privParams[i] = (unsigned char)(salt >> (56 - 8 * i));
-    KeyAndIv(user, boots, time, privParams, iv);
+    Iv(user, boots, time, privParams, iv);
     ZulVklConstBuffer key = {user->privKey, user->priv->keyLength};
     ZulVklConstBuffer ivIn = {iv, user->priv->des ? 8 : 16};
     /* DES-CBC needs whole blocks; what the padding holds does not matter to the receiver. */
@@ -266,7 +270,7 @@ int UsmDecrypt(UsmCrypto* crypto, const UsmUser* user, uint32_t boots, uint32_t 
     const char* name = user->priv->cipher;
     unsigned char iv[16];
     if (privLength != USM_SALT_LENGTH || (user->priv->des && length % 8 != 0)) return 0;
-    KeyAndIv(user, boots, time, privParams, iv);
+    Iv(user, boots, time, privParams, iv);
     ZulVklConstBuffer key = {user->privKey, user->priv->keyLength};
     ZulVklConstBuffer ivIn = {iv, user->priv->des ? 8 : 16};
     ZulVklConstBuffer data = {in, (uint32_t)length};
