@@ -148,7 +148,7 @@ for pair in "${pairs[@]}"; do
 done
 echo "usm_agent: ${#pairs[@]} pairs queried by snmpget"
 
-# The last agent again: a wrong priv password, an unknown user, and a request stamped 100000 s
+# The last agent again: usm_get, a wrong priv password, an unknown user, and a request stamped 100000 s
 # off the agent's clock, which it must refuse with an authenticated notInTimeWindows report
 # (snmpget then takes the agent's time from it and asks again).
 start agent_ alice "$1" "$2"
@@ -156,6 +156,8 @@ refused "usm_agent, wrong priv password" "Decryption error" \
   snmpget_ alice "$1" "$2" maplesyrup maplesyrop "$port" 1.3.6.1.2.1.1.1.0
 refused "usm_agent, unknown user" "Unknown user name" \
   snmpget_ bob "$1" "$2" maplesyrup maplesyrup "$port" 1.3.6.1.2.1.1.1.0
+mine=$(usm_get_ alice "$1" "$2" "$dir/pw" "$dir/pw" 1.3.6.1.2.1.1.1.0 2>&1)
+[ "$mine" = "$descr" ] || fail "usm_get against usm_agent: [$mine]"
 engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' "$dir/daemon.log")
 late=$(snmpget_ alice "$1" "$2" maplesyrup maplesyrup "$port" -e "0x$engine" -Z 1,100000 1.3.6.1.2.1.1.1.0 2>&1)
 [ "$late" = "$descr" ] || fail "usm_agent after a late request: [$late]"
