@@ -1,0 +1,91 @@
+/*
+ * The user-based security model's cryptography for the two UDP examples,
+ * through the library's C-callable interface only: the protocol tables, user
+ * keys from password files (RFC 3414 A.2), the MAC (RFC 3414 6 and 7,
+ * RFC 7860) and the privacy ciphers (RFC 3414 8 DES-CBC, RFC 3826 AES-CFB).
+ */
+#ifndef USM_SEC_H
+#define USM_SEC_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <zulcryptimpl.h>
+
+#define USM_MAX_KEY 64 /* SHA-512 */
+#define USM_SALT_LENGTH 8
+
+typedef struct UsmAuthProtocol {
+    const char* name;   /* as snmpd's createUser and snmpget -a name it */
+    const char* digest; /* the library's digest name */
+    unsigned macLength; /* bytes of the HMAC put on the wire */
+} UsmAuthProtocol;
+
+typedef struct UsmPrivProtocol {
+    const char* name;   /* as snmpd's createUser and snmpget -x name it */
+    const char* cipher; /* the library's cipher name */
+    unsigned keyLength; /* cipher key bytes taken from the localised key */
+    int des;            /* DES-CBC: pre-IV from the localised key, padded input */
+    /* How a localised key shorter than the cipher needs is lengthened: "Blumenthal", "Reeder",
+     * or null when it never is. */
+    const char* extension;
+} UsmPrivProtocol;
+
+/* The table row for a name, or null. */
+const UsmAuthProtocol* UsmFindAuth(const char* name);
+const UsmPrivProtocol* UsmFindPriv(const char* name);
+/* "MD5, SHA, ..." for messages. */
+const char* UsmAuthNames(void);
+const char* UsmPrivNames(void);
+
+typedef struct UsmCrypto {
+    ZulVklCtxWrap* ctx;
+    ZulVklStatusWrap* status;
+    ZulVklMdCtxWrap* md;
+    ZulVklHmacCtxWrap* hmac;
+    ZulVklCipherCtxWrap* cipher;
+} UsmCrypto;
+
+/* Opens the library's context and handles: 1, or 0 with a message on stderr (close anyway). */
+int UsmCryptoOpen(UsmCrypto* crypto);
+void UsmCryptoClose(UsmCrypto* crypto);
+
+typedef struct UsmUser {
+    char name[33];
+    const UsmAuthProtocol* auth;
+    const UsmPrivProtocol* priv;
+    size_t keyLength;                 /* the digest's size */
+    unsigned char authKu[USM_MAX_KEY]; /* from the passwords, before localisation */
+    unsigned char privKu[USM_MAX_KEY];
+    unsigned char authKey[USM_MAX_KEY]; /* localised to the authoritative engine */
+    unsigned char privKey[USM_MAX_KEY];
+} UsmUser;
+
+/* Reads both password files and derives the user's Ku: 1, or 0 with a message on stderr. */
+int UsmUserFromFiles(UsmCrypto* crypto, UsmUser* user, const char* authFile, const char* privFile);
+/* Localises both keys to an engine: 1, or 0 with a message on stderr. */
+int UsmLocalise(UsmCrypto* crypto, UsmUser* user, const unsigned char* engineId, size_t engineIdLength);
+/* Wipes every key of the user. */
+void UsmUserWipe(UsmUser* user);
+
+/* Computes the MAC over the message (whose MAC field holds zeros) and puts it in place. 1 or 0. */
+int UsmSign(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, size_t length, size_t macOffset);
+/* 1 when the MAC in the message is right; the message is left as it came. 0 otherwise. */
+int UsmVerify(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, size_t length, size_t macOffset,
+              size_t macLength);
+
+/* Encrypts a scoped PDU into out (room: length + 8), writing the salt into privParams. 1 or 0. */
+int UsmEncrypt(UsmCrypto* crypto, const UsmUser* user, uint32_t boots, uint32_t time, uint64_t salt,
+               const unsigned char* in, size_t length, unsigned char* out, size_t* outLength,
+               unsigned char privParams[USM_SALT_LENGTH]);
+/* Decrypts into out (room: length + 8). 0 when the lengths are wrong or the cipher fails. */
+int UsmDecrypt(UsmCrypto* crypto, const UsmUser* user, uint32_t boots, uint32_t time,
+               const unsigned char* privParams, size_t privLength, const unsigned char* in, size_t length,
+               unsigned char* out, size_t* outLength);
+
+/* Overwrites secrets in a way the compiler keeps. */
+void UsmWipe(void* data, size_t length);
+/* Random bytes from the kernel (salts, request IDs, engine IDs); 1 or 0. */
+int UsmRandom(void* out, size_t length);
+
+#endif /* USM_SEC_H */
