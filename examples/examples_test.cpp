@@ -1,6 +1,6 @@
 // Runs the two example programs and checks what they print against OpenSSL 3
-// called directly: the SNMPv3 message is parsed, its keys, MAC and encrypted
-// PDU recomputed; the file signature is verified with an OpenSSL key built
+// called directly: the SNMPv3 messages are parsed, their keys, MACs and
+// encrypted PDUs recomputed; the file signature is verified with an OpenSSL key built
 // from the printed modulus and exponent.
 #include <cstdio>
 #include <fstream>
@@ -62,22 +62,33 @@ std::map<std::string, std::string> Values(const std::string& out) {
     return values;
 }
 
-Bytes Sha1(const Bytes& data) {
-    Bytes digest(20);
+Bytes Digest(const EVP_MD* md, const Bytes& data) {
+    Bytes digest(EVP_MAX_MD_SIZE);
     unsigned int length = 0;
-    EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_sha1(), nullptr), 1);
+    EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest.data(), &length, md, nullptr), 1);
+    digest.resize(length);
     return digest;
 }
 
-// RFC 3414 A.2.2: SHA-1 of 1 MiB of the repeated password, then localised to the engine.
-Bytes LocalisedKey(const std::string& password, const Bytes& engineId) {
+// RFC 3414 A.2.2: the digest of 1 MiB of the repeated password, then localised to the engine.
+Bytes LocalisedKey(const EVP_MD* md, const std::string& password, const Bytes& engineId) {
     Bytes stretched(1 << 20);
     for (size_t i = 0; i < stretched.size(); ++i) stretched[i] = static_cast<unsigned char>(password[i % password.size()]);
-    Bytes ku = Sha1(stretched);
+    Bytes ku = Digest(md, stretched);
     Bytes material = ku;
     material.insert(material.end(), engineId.begin(), engineId.end());
     material.insert(material.end(), ku.begin(), ku.end());
-    return Sha1(material);
+    return Digest(md, material);
+}
+
+// draft-blumenthal-aes-usm-04 3.1.2.1: the key grows by the digest of all of it until long enough.
+Bytes Extended(const EVP_MD* md, Bytes key, size_t length) {
+    while (key.size() < length) {
+        const Bytes more = Digest(md, key);
+        key.insert(key.end(), more.begin(), more.end());
+    }
+    key.resize(length);
+    return key;
 }
 
 // A BER element: tag, where its content starts and how long it is.
@@ -129,23 +140,29 @@ unsigned long Integer(const Bytes& data, const Element& element) {
     return value;
 }
 
-TEST(SnmpUsmExample, MessageIsAuthenticatedAndEncryptedAsAnEngineExpects) {
-    Outcome run = RunCommand(std::string("'") + ZUL_EXAMPLE_SNMP_USM + "'");
-    ASSERT_EQ(run.exitCode, 0) << run.out;
-    EXPECT_NE(run.out.find("receiver: MAC verified, PDU decrypted\n"), std::string::npos) << run.out;
-    auto values = Values(run.out);
+// A user's protocols: what the example prints for them starts with prefix.
+struct Protocol {
+    std::string prefix;
+    const EVP_MD* md;
+    size_t macLength;
+    const EVP_CIPHER* cipher;
+};
+
+// One message of the example's output, taken apart and recomputed with OpenSSL.
+void CheckMessage(const std::string& out, const Protocol& p) {
+    EXPECT_NE(out.find("\n" + p.prefix + "receiver: MAC verified, PDU decrypted\n"), std::string::npos) << out;
+    auto all = Values(out);
+    auto value = [&](const char* name) { return all[p.prefix + name]; };
 
     const Bytes engineId = FromHex("000000000000000000000002");
-    // RFC 3414 A.3.2: "maplesyrup" localised to engine 00..02 with SHA-1.
-    EXPECT_EQ(values["authKey"], "6695febc9288e36282235fc7151f128497b38f3f");
-    const Bytes authKey = LocalisedKey("maplesyrup", engineId);
-    EXPECT_EQ(values["authKey"], Hex(authKey));
-    Bytes privKey = LocalisedKey("newsyrup", engineId);
-    privKey.resize(16);
-    EXPECT_EQ(values["privKey"], Hex(privKey));
+    const Bytes authKey = LocalisedKey(p.md, "maplesyrup", engineId);
+    EXPECT_EQ(value("authKey"), Hex(authKey));
+    const auto privLength = static_cast<size_t>(EVP_CIPHER_get_key_length(p.cipher));
+    const Bytes privKey = Extended(p.md, LocalisedKey(p.md, "newsyrup", engineId), privLength);
+    EXPECT_EQ(value("privKey"), Hex(privKey));
 
     // The message, field by field.
-    Bytes message = FromHex(values["message"]);
+    Bytes message = FromHex(value("message"));
     ASSERT_FALSE(message.empty());
     size_t at = 0;
     Element whole;
@@ -169,21 +186,22 @@ TEST(SnmpUsmExample, MessageIsAuthenticatedAndEncryptedAsAnEngineExpects) {
     const unsigned long boots = Integer(message, usm[1]);
     const unsigned long time = Integer(message, usm[2]);
     EXPECT_EQ(Content(message, usm[3]), Bytes({'w', 'e', 'x', 'u', 's', 'e', 'r'}));
-    ASSERT_EQ(usm[4].length, 12u);
+    ASSERT_EQ(usm[4].length, p.macLength);
     ASSERT_EQ(usm[5].length, 8u);
     const Bytes mac = Content(message, usm[4]);
     const Bytes salt = Content(message, usm[5]);
-    EXPECT_EQ(values["mac"], Hex(mac));
+    EXPECT_EQ(value("mac"), Hex(mac));
 
-    // HMAC-SHA-96 over the message with its MAC field zeroed.
+    // The HMAC over the message with its MAC field zeroed, cut to the MAC's length.
     Bytes zeroed = message;
-    std::fill(zeroed.begin() + static_cast<long>(usm[4].start), zeroed.begin() + static_cast<long>(usm[4].start + 12), 0);
-    Bytes full(20);
+    std::fill(zeroed.begin() + static_cast<long>(usm[4].start),
+              zeroed.begin() + static_cast<long>(usm[4].start + p.macLength), 0);
+    Bytes full(EVP_MAX_MD_SIZE);
     unsigned int fullLength = 0;
-    ASSERT_NE(HMAC(EVP_sha1(), authKey.data(), static_cast<int>(authKey.size()), zeroed.data(), zeroed.size(),
+    ASSERT_NE(HMAC(p.md, authKey.data(), static_cast<int>(authKey.size()), zeroed.data(), zeroed.size(),
                    full.data(), &fullLength),
               nullptr);
-    full.resize(12);
+    full.resize(p.macLength);
     EXPECT_EQ(Hex(full), Hex(mac));
 
     // RFC 3826 IV: boots and time as 32-bit big-endian, then the salt from the privacy parameters.
@@ -192,20 +210,20 @@ TEST(SnmpUsmExample, MessageIsAuthenticatedAndEncryptedAsAnEngineExpects) {
                 static_cast<unsigned char>(time >> 24),  static_cast<unsigned char>(time >> 16),
                 static_cast<unsigned char>(time >> 8),   static_cast<unsigned char>(time)};
     iv.insert(iv.end(), salt.begin(), salt.end());
-    EXPECT_EQ(values["iv"], Hex(iv));
+    EXPECT_EQ(value("iv"), Hex(iv));
 
     ASSERT_EQ(top[3].tag, 0x04);
     const Bytes encrypted = Content(message, top[3]);
-    EXPECT_EQ(values["encryptedPDU"], Hex(encrypted));
+    EXPECT_EQ(value("encryptedPDU"), Hex(encrypted));
     Bytes opened(encrypted.size() + 16);
     int outLength = 0, finalLength = 0;
     std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
-    ASSERT_EQ(EVP_DecryptInit_ex2(ctx.get(), EVP_aes_128_cfb128(), privKey.data(), iv.data(), nullptr), 1);
+    ASSERT_EQ(EVP_DecryptInit_ex2(ctx.get(), p.cipher, privKey.data(), iv.data(), nullptr), 1);
     ASSERT_EQ(EVP_DecryptUpdate(ctx.get(), opened.data(), &outLength, encrypted.data(), static_cast<int>(encrypted.size())), 1);
     ASSERT_EQ(EVP_DecryptFinal_ex(ctx.get(), opened.data() + outLength, &finalLength), 1);
     opened.resize(static_cast<size_t>(outLength + finalLength));
-    EXPECT_EQ(Hex(opened), values["scopedPDU"]);
-    EXPECT_EQ(values["decryptedPDU"], values["scopedPDU"]);
+    EXPECT_EQ(Hex(opened), value("scopedPDU"));
+    EXPECT_EQ(value("decryptedPDU"), value("scopedPDU"));
 
     // The decrypted scoped PDU names the engine and carries a GetRequest.
     size_t pduAt = 0;
@@ -215,6 +233,16 @@ TEST(SnmpUsmExample, MessageIsAuthenticatedAndEncryptedAsAnEngineExpects) {
     ASSERT_EQ(parts.size(), 3u);
     EXPECT_EQ(Content(opened, parts[0]), engineId);
     EXPECT_EQ(parts[2].tag, 0xa0);
+}
+
+TEST(SnmpUsmExample, MessagesAreAuthenticatedAndEncryptedAsAnEngineExpects) {
+    Outcome run = RunCommand(std::string("'") + ZUL_EXAMPLE_SNMP_USM + "'");
+    ASSERT_EQ(run.exitCode, 0) << run.out;
+    // RFC 3414 A.3.2: "maplesyrup" localised to engine 00..02 with SHA-1.
+    EXPECT_EQ(Values(run.out)["authKey"], "6695febc9288e36282235fc7151f128497b38f3f");
+    // AES-128 with HMAC-SHA-96 (RFC 3826, RFC 3414), then AES-256 with HMAC-SHA-256's 24 bytes (RFC 7860).
+    CheckMessage(run.out, {"", EVP_sha1(), 12, EVP_aes_128_cfb128()});
+    CheckMessage(run.out, {"aes256.", EVP_sha256(), 24, EVP_aes_256_cfb128()});
 }
 
 class SignFileExample : public ::testing::Test {

@@ -1,12 +1,15 @@
 /*
- * An SNMPv3 engine's outgoing message, made with the C-callable interface:
+ * An SNMPv3 engine's outgoing messages, made with the C-callable interface:
  * user keys from passwords (RFC 3414 password to key and localisation), the
- * scoped PDU encrypted with AES-128-CFB (RFC 3826), the whole message
- * authenticated with HMAC-SHA-96 (RFC 3414). The receiving side is played too:
- * the MAC is checked and the PDU decrypted back.
+ * privacy key cut or extended to the cipher's length (Blumenthal), the scoped
+ * PDU encrypted with AES-CFB (RFC 3826), the whole message authenticated. The
+ * first message uses AES-128 and HMAC-SHA-96 (RFC 3414), the second AES-256
+ * and HMAC-SHA-256 with its 24-byte MAC (RFC 7860). The receiving side is
+ * played too: the MAC is checked and the PDU decrypted back.
  *
- * Prints each value as "<name> <hex>" on its own line; exits 0 when the
- * receiver gets the PDU back, 1 otherwise.
+ * Prints each value as "<name> <hex>" on its own line, the second message's
+ * names starting with "aes256."; exits 0 when the receiver gets both PDUs
+ * back, 1 otherwise.
  */
 #include <stdint.h>
 #include <stdio.h>
@@ -15,7 +18,9 @@
 
 #include <zulcryptimpl.h>
 
-#define MAC_LENGTH 12 /* HMAC-SHA-96 keeps the first 96 bits */
+#define MAX_DIGEST 32 /* SHA-256 */
+#define MAX_MAC 24    /* HMAC-SHA-256 keeps 192 bits; HMAC-SHA-96 keeps 96 */
+#define MAX_KEY 32    /* AES-256 */
 #define SALT_LENGTH 8
 #define MAX_MESSAGE 512
 
@@ -81,8 +86,24 @@ static void PutBigEndian(unsigned char* out, uint64_t value, int count) {
     for (int i = 0; i < count; ++i) out[i] = (unsigned char)(value >> (8 * (count - 1 - i)));
 }
 
-static void PrintHex(const char* name, const unsigned char* data, size_t length) {
-    printf("%s ", name);
+/* What a user's authentication and privacy protocols need. */
+typedef struct Protocol {
+    const char* prefix; /* of the printed names */
+    const char* digest; /* password to key, localisation, key extension and HMAC */
+    size_t digestLength;
+    size_t macLength; /* of the HMAC, as carried in the message */
+    const char* cipher;
+    size_t privLength; /* the cipher's key length */
+} Protocol;
+
+static const Protocol kProtocols[2] = {
+    {"", "SHA1", 20, 12, "AES-128-CFB", 16},
+    /* The localised SHA-256 key is already 32 bytes: Blumenthal only cuts it. */
+    {"aes256.", "SHA256", 32, 24, "AES-256-CFB", 32},
+};
+
+static void PrintHex(const Protocol* protocol, const char* name, const unsigned char* data, size_t length) {
+    printf("%s%s ", protocol->prefix, name);
     for (size_t i = 0; i < length; ++i) printf("%02x", data[i]);
     printf("\n");
 }
@@ -107,28 +128,42 @@ static int Fail(Engine* engine, const char* what) {
     return 0;
 }
 
-/* Password to key, then the key localised to the engine: 20 bytes of SHA-1. */
-static int UserKey(Engine* engine, const char* password, unsigned char localised[20]) {
-    unsigned char ku[20];
+/* Password to key, then the key localised to the engine: a key of the digest's length. */
+static int UserKey(Engine* engine, const Protocol* protocol, const char* password, unsigned char* localised) {
+    unsigned char ku[MAX_DIGEST];
+    uint32_t length = (uint32_t)protocol->digestLength;
     ZulVklConstBuffer secret = {(const unsigned char*)password, (uint32_t)strlen(password)};
-    ZulVklBuffer key = {ku, sizeof ku};
-    ZulVklConstBuffer keyIn = {ku, sizeof ku};
+    ZulVklBuffer key = {ku, length};
+    ZulVklConstBuffer keyIn = {ku, length};
     ZulVklConstBuffer engineId = {kEngineId, sizeof kEngineId};
-    ZulVklBuffer kul = {localised, 20};
-    int ok = ZulVklMdGenerateKey(engine->ctx, engine->md, "SHA1", &secret, &key, engine->status) == 1 &&
-             ZulVklMdLocaliseKey(engine->ctx, engine->md, "SHA1", &engineId, &keyIn, &kul, engine->status) == 1;
+    ZulVklBuffer kul = {localised, length};
+    int ok = ZulVklMdGenerateKey(engine->ctx, engine->md, protocol->digest, &secret, &key, engine->status) == 1 &&
+             ZulVklMdLocaliseKey(engine->ctx, engine->md, protocol->digest, &engineId, &keyIn, &kul,
+                                 engine->status) == 1;
     memset(ku, 0, sizeof ku);
     return ok ? 1 : Fail(engine, "key derivation");
 }
 
-/* AES-128-CFB in either direction; CFB needs no padding, so out gets exactly length bytes. */
-static int Crypt(Engine* engine, int encrypt, const unsigned char key[16], const unsigned char iv[16],
-                 const unsigned char* in, size_t length, unsigned char* out) {
-    ZulVklConstBuffer keyIn = {key, 16}, ivIn = {iv, 16};
+/* The privacy key: the localised key made as long as the cipher's key (draft-blumenthal-aes-usm-04). */
+static int PrivacyKey(Engine* engine, const Protocol* protocol, const unsigned char* localised, unsigned char* key) {
+    ZulVklConstBuffer engineId = {kEngineId, sizeof kEngineId};
+    ZulVklConstBuffer kul = {localised, (uint32_t)protocol->digestLength};
+    ZulVklBuffer out = {key, (uint32_t)protocol->privLength};
+    if (ZulVklMdExtendKey(engine->ctx, engine->md, protocol->digest, ZULVKL_KEY_EXTENSION_BLUMENTHAL, &engineId, &kul,
+                          &out, engine->status) != 1) {
+        return Fail(engine, "key extension");
+    }
+    return 1;
+}
+
+/* AES-CFB in either direction; CFB needs no padding, so out gets exactly length bytes. */
+static int Crypt(Engine* engine, const Protocol* protocol, int encrypt, const unsigned char* key,
+                 const unsigned char iv[16], const unsigned char* in, size_t length, unsigned char* out) {
+    ZulVklConstBuffer keyIn = {key, (uint32_t)protocol->privLength}, ivIn = {iv, 16};
     ZulVklConstBuffer data = {in, (uint32_t)length};
     ZulVklConstBuffer* pieces[1] = {&data};
     ZulVklBuffer body = {out, 0};
-    const char* name = "AES-128-CFB";
+    const char* name = protocol->cipher;
     int ok;
     if (encrypt) {
         ok = ZulVklCipherEncryptInit(engine->ctx, engine->cipher, name, &keyIn, &ivIn, engine->status) > 0 &&
@@ -145,15 +180,16 @@ static int Crypt(Engine* engine, int encrypt, const unsigned char key[16], const
     return 1;
 }
 
-/* HMAC-SHA-1 of the whole message under the localised authentication key. */
-static int Mac(Engine* engine, const unsigned char key[20], const unsigned char* message, size_t length,
-               unsigned char mac[20]) {
-    ZulVklConstBuffer keyIn = {key, 20};
+/* The HMAC of the whole message under the localised authentication key, all of it (digest length). */
+static int Mac(Engine* engine, const Protocol* protocol, const unsigned char* key, const unsigned char* message,
+               size_t length, unsigned char* mac) {
+    ZulVklConstBuffer keyIn = {key, (uint32_t)protocol->digestLength};
     ZulVklConstBuffer data = {message, (uint32_t)length};
     ZulVklConstBuffer* pieces[1] = {&data};
     ZulVklBuffer out = {mac, 0};
-    if (ZulVklHmacGenerateDigest(engine->ctx, engine->hmac, "SHA1", pieces, 1, &keyIn, &out, engine->status) != 1 ||
-        out.length != 20) {
+    if (ZulVklHmacGenerateDigest(engine->ctx, engine->hmac, protocol->digest, pieces, 1, &keyIn, &out,
+                                 engine->status) != 1 ||
+        out.length != protocol->digestLength) {
         return Fail(engine, "authentication");
     }
     return 1;
@@ -179,13 +215,14 @@ static size_t ScopedPdu(unsigned char* out, size_t capacity) {
 }
 
 /* The whole message with a zeroed MAC; *macOffset receives where the MAC goes. */
-static size_t Message(const unsigned char salt[SALT_LENGTH], const unsigned char* encrypted, size_t encryptedLength,
-                      unsigned char* out, size_t capacity, size_t* macOffset) {
+static size_t Message(uint32_t msgId, size_t macLength, const unsigned char salt[SALT_LENGTH],
+                      const unsigned char* encrypted, size_t encryptedLength, unsigned char* out, size_t capacity,
+                      size_t* macOffset) {
     static const unsigned char kFlags = 0x07; /* authPriv, reportable */
-    static const unsigned char kZeroMac[MAC_LENGTH] = {0};
+    static const unsigned char kZeroMac[MAX_MAC] = {0};
     unsigned char global[32], usm[96], security[128], body[MAX_MESSAGE];
     Writer g = {global, 0, sizeof global, 0};
-    PutInteger(&g, 4242);  /* msgID */
+    PutInteger(&g, msgId);
     PutInteger(&g, 65507); /* msgMaxSize */
     PutTlv(&g, 0x04, &kFlags, 1);
     PutInteger(&g, 3); /* msgSecurityModel: USM */
@@ -195,8 +232,8 @@ static size_t Message(const unsigned char salt[SALT_LENGTH], const unsigned char
     PutInteger(&u, kEngineBoots);
     PutInteger(&u, kEngineTime);
     PutTlv(&u, 0x04, (const unsigned char*)kUser, strlen(kUser));
-    PutTlv(&u, 0x04, kZeroMac, MAC_LENGTH);
-    size_t macInUsm = u.length - MAC_LENGTH;
+    PutTlv(&u, 0x04, kZeroMac, macLength);
+    size_t macInUsm = u.length - macLength;
     PutTlv(&u, 0x04, salt, SALT_LENGTH);
     Writer s = {security, 0, sizeof security, 0};
     PutTlv(&s, 0x30, usm, u.length);
@@ -216,56 +253,65 @@ static size_t Message(const unsigned char salt[SALT_LENGTH], const unsigned char
     return whole.length;
 }
 
-static int Run(Engine* engine) {
-    unsigned char authKey[20], privKey[20];
-    if (!UserKey(engine, kAuthPassword, authKey) || !UserKey(engine, kPrivPassword, privKey)) return 0;
-    PrintHex("authKey", authKey, sizeof authKey);
-    /* AES-128 uses the first 16 bytes of the localised privacy key. */
-    PrintHex("privKey", privKey, 16);
+static int Exchange(Engine* engine, const Protocol* protocol, uint32_t msgId, uint64_t saltValue,
+                    const unsigned char* authKey, const unsigned char* privKey) {
+    const size_t macLength = protocol->macLength;
+    PrintHex(protocol, "authKey", authKey, protocol->digestLength);
+    PrintHex(protocol, "privKey", privKey, protocol->privLength);
 
     /* RFC 3826 IV: engine boots and engine time, then the 64-bit salt, all big-endian. */
     unsigned char iv[16], salt[SALT_LENGTH];
     PutBigEndian(iv, kEngineBoots, 4);
     PutBigEndian(iv + 4, kEngineTime, 4);
-    PutBigEndian(salt, kSalt, SALT_LENGTH);
+    PutBigEndian(salt, saltValue, SALT_LENGTH);
     memcpy(iv + 8, salt, SALT_LENGTH);
-    PrintHex("iv", iv, sizeof iv);
+    PrintHex(protocol, "iv", iv, sizeof iv);
 
     unsigned char pdu[256], encrypted[256], message[MAX_MESSAGE];
     size_t pduLength = ScopedPdu(pdu, sizeof pdu);
     if (pduLength == 0) return 0;
-    PrintHex("scopedPDU", pdu, pduLength);
-    if (!Crypt(engine, 1, privKey, iv, pdu, pduLength, encrypted)) return 0;
-    PrintHex("encryptedPDU", encrypted, pduLength);
+    PrintHex(protocol, "scopedPDU", pdu, pduLength);
+    if (!Crypt(engine, protocol, 1, privKey, iv, pdu, pduLength, encrypted)) return 0;
+    PrintHex(protocol, "encryptedPDU", encrypted, pduLength);
 
     size_t macOffset = 0;
-    size_t messageLength = Message(salt, encrypted, pduLength, message, sizeof message, &macOffset);
+    size_t messageLength = Message(msgId, macLength, salt, encrypted, pduLength, message, sizeof message, &macOffset);
     if (messageLength == 0) return 0;
-    unsigned char mac[20];
-    if (!Mac(engine, authKey, message, messageLength, mac)) return 0;
-    memcpy(message + macOffset, mac, MAC_LENGTH);
-    PrintHex("mac", mac, MAC_LENGTH);
-    PrintHex("message", message, messageLength);
+    unsigned char mac[MAX_DIGEST];
+    if (!Mac(engine, protocol, authKey, message, messageLength, mac)) return 0;
+    memcpy(message + macOffset, mac, macLength);
+    PrintHex(protocol, "mac", mac, macLength);
+    PrintHex(protocol, "message", message, messageLength);
 
     /* The receiver: MAC over the message with the MAC field zeroed, then decryption. */
-    unsigned char received[MAX_MESSAGE], check[20], opened[256];
+    unsigned char received[MAX_MESSAGE], check[MAX_DIGEST], opened[256];
     memcpy(received, message, messageLength);
-    memset(received + macOffset, 0, MAC_LENGTH);
-    if (!Mac(engine, authKey, received, messageLength, check)) return 0;
-    if (!SameBytes(check, message + macOffset, MAC_LENGTH)) {
+    memset(received + macOffset, 0, macLength);
+    if (!Mac(engine, protocol, authKey, received, messageLength, check)) return 0;
+    if (!SameBytes(check, message + macOffset, macLength)) {
         fprintf(stderr, "receiver: wrong MAC\n");
         return 0;
     }
-    if (!Crypt(engine, 0, privKey, iv, encrypted, pduLength, opened)) return 0;
-    PrintHex("decryptedPDU", opened, pduLength);
+    if (!Crypt(engine, protocol, 0, privKey, iv, encrypted, pduLength, opened)) return 0;
+    PrintHex(protocol, "decryptedPDU", opened, pduLength);
     if (memcmp(opened, pdu, pduLength) != 0) {
         fprintf(stderr, "receiver: the PDU did not decrypt back\n");
         return 0;
     }
+    printf("%sreceiver: MAC verified, PDU decrypted\n", protocol->prefix);
+    return 1;
+}
+
+/* One message of a user of the protocol: made, printed, then received. */
+static int Run(Engine* engine, const Protocol* protocol, uint32_t msgId, uint64_t saltValue) {
+    unsigned char authKey[MAX_DIGEST], localPriv[MAX_DIGEST], privKey[MAX_KEY];
+    int ok = UserKey(engine, protocol, kAuthPassword, authKey) && UserKey(engine, protocol, kPrivPassword, localPriv) &&
+             PrivacyKey(engine, protocol, localPriv, privKey);
+    memset(localPriv, 0, sizeof localPriv);
+    if (ok) ok = Exchange(engine, protocol, msgId, saltValue, authKey, privKey);
     memset(authKey, 0, sizeof authKey);
     memset(privKey, 0, sizeof privKey);
-    printf("receiver: MAC verified, PDU decrypted\n");
-    return 1;
+    return ok;
 }
 
 int main(void) {
@@ -276,7 +322,7 @@ int main(void) {
         engine.hmac = ZulVklHmacCtxCreate(engine.ctx);
         engine.cipher = ZulVklCipherCtxCreate(engine.ctx);
         if (engine.md != NULL && engine.hmac != NULL && engine.cipher != NULL) {
-            ok = Run(&engine);
+            ok = Run(&engine, &kProtocols[0], 4242, kSalt) && Run(&engine, &kProtocols[1], 4243, kSalt + 1);
         } else {
             fprintf(stderr, "no digest, HMAC or cipher handle\n");
         }

@@ -189,6 +189,23 @@ Want Digest(const char* name, const Bytes& data, const Bytes* key = nullptr) {
     return done ? Want(Bytes(out, out + length)) : std::nullopt;
 }
 
+// The two published key extensions over the model's digests; none where the library must refuse.
+Want Extended(const char* name, unsigned method, Bytes key, const Bytes& engineId, size_t length) {
+    if (method == 0 || method > 2 || key.empty() || length == 0 || length > 64 || Md(name) == nullptr) return {};
+    while (key.size() < length) {
+        Want more = Digest(name, key);
+        if (method == 2) {  // Reeder: password to key over all the key so far, then localised
+            Bytes repeated(1 << 20);
+            for (size_t i = 0; i < repeated.size(); ++i) repeated[i] = key[i % key.size()];
+            const Bytes ku = *Digest(name, repeated);
+            more = Digest(name, Cat(Cat(ku, engineId), ku));
+        }
+        key = Cat(key, *more);
+    }
+    key.resize(length);
+    return key;
+}
+
 // Each calculator operation beside raw RSA with PKCS #1 v1.5 padding and the fixed key.
 enum : int { kN = 1, kE = 2, kD = 4, kForeign = -1 };
 struct RsaOp {
@@ -605,15 +622,18 @@ void Dh(Rig& r, Reader& in) {
     Check(ok, ok ? Bytes(secret, secret + length) : Bytes(), theirs);
 }
 
-// The procedural digests: key localisation (a the key, b the engine ID), the key-change digest, HMAC.
+// The procedural digests: key localisation and extension (a the key, b the engine ID), the key-change
+// digest, HMAC.
 void Procedural(Rig& r, Reader& in) {
     const char* name = in.Pick(kDigests);
-    unsigned step = in.Byte() % 3;
+    unsigned step = in.Byte() % 4;
     Bytes a = in.Take(in.Byte() % 80);
     Pieces pieces(in);
     const Bytes& b = pieces.all;
     ZulVklConstBuffer first = In(a), second = In(b);
-    Out out(Md(name) != nullptr ? EVP_MD_get_size(Md(name)) : 0);
+    // Read only for an extension, so that the other steps' programs read as they always did.
+    const unsigned method = step == 3 ? in.Byte() % 4 : 0, extended = step == 3 ? in.Byte() % 66 : 0;
+    Out out(step == 3 ? extended : Md(name) != nullptr ? EVP_MD_get_size(Md(name)) : 0);
     ZulVklBuffer area{out.area.get(), static_cast<uint32_t>(out.room)};
     bool ok;
     Want want;
@@ -624,6 +644,9 @@ void Procedural(Rig& r, Reader& in) {
         ok = ZulVklMdKeyChangeDigest(r.c, r.cMd, name, &first, &second, &area, r.status) == 1;
         out.made = ok ? area.data : nullptr;
         want = Digest(name, Cat(a, b));
+    } else if (step == 3) {
+        ok = ZulVklMdExtendKey(r.c, r.cMd, name, static_cast<int>(method), &second, &first, &area, r.status) == 1;
+        want = Extended(name, method, a, b, extended);
     } else {
         ok = ZulVklHmacGenerateDigest(r.c, r.cHmac, name, pieces.list.data(), static_cast<unsigned>(pieces.parts.size()),
                                       &first, &area, r.status) == 1;

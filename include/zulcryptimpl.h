@@ -146,6 +146,20 @@ ZULCRYPT_API int ZulVklMdKeyChangeDigest(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md
 /* The digest's output size in bytes; 0 for an unknown name or without a VKL context. */
 ZULCRYPT_API int ZulVklMdDigestLength(ZulVklCtxWrap* ctx, const char* digest);
 
+#define ZULVKL_KEY_EXTENSION_BLUMENTHAL 1
+#define ZULVKL_KEY_EXTENSION_REEDER     2
+/* Extends a localised privacy key to extendedKey->length bytes (1..64) by the given method; the engine ID
+ * is used by REEDER only but must not be null.
+ * BLUMENTHAL (AES-192/256 of most agents): key | H(key) | ..., each digest over all the key so far.
+ * REEDER (3DES-EDE, AES-192-C/256-C): key | localise(password to key(key)) | ..., the password to key
+ * taking all the key so far as the password. The two give different keys. A localised key at least as
+ * long as asked is only cut. extendedKey->data needs extendedKey->length bytes; the length is not
+ * changed. 1 on success, 0 on failure (unknown method, empty key, length 0 or over 64, VKL failure),
+ * with nothing written. */
+ZULCRYPT_API int ZulVklMdExtendKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* digest, int method,
+                                   ZulVklConstBuffer* engineId, ZulVklConstBuffer* localisedKey,
+                                   ZulVklBuffer* extendedKey, ZulVklStatusWrap* status);
+
 /* ---- Privacy ciphers ---- */
 
 /* Key or IV size in bytes of the named cipher; 0 for an unknown name. */
@@ -213,6 +227,9 @@ ZULCRYPT_API int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const
 ZULCRYPT_API int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest,
                                        ZulVklConstBuffer& first, ZulVklConstBuffer& second, ZulVklBuffer& out,
                                        ZulVklStatusWrap& status);
+ZULCRYPT_API int ZulVklMdExtendKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, int method,
+                                       ZulVklConstBuffer& engineId, ZulVklConstBuffer& localisedKey,
+                                       ZulVklBuffer& extendedKey, ZulVklStatusWrap& status);
 ZULCRYPT_API int ZulVklMdDigestLengthImpl(VKL_t& vkl, const char* digest);
 ZULCRYPT_API int ZulVklCipherRequiredKeySizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status);
 ZULCRYPT_API int ZulVklCipherRequiredIvSizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status);

@@ -166,6 +166,13 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
              const int r = ZulVklMdLocaliseKey(c.Ctx(), c.Md(), c.Name(0), c.Buf(1), c.Buf(2), c.Out(key), c.Status());
              return c.Result(r, area, key.data, key.length);
          }},
+        {"Extend", [=](Call& c) {
+             Bytes area(static_cast<size_t>(c.Int(4)), 0xee);
+             ZulVklBuffer key{area.data(), static_cast<uint32_t>(area.size())};
+             const int r = ZulVklMdExtendKey(c.Ctx(), c.Md(), c.Name(0), c.Int(1), c.Buf(2), c.Buf(3), c.Out(key),
+                                             c.Status());
+             return c.Result(r, area, key.data, key.length);
+         }},
         {"Chain", [=](Call& c) {
              ZulVklBuffer out{nullptr, 0};
              const int r =

@@ -22,6 +22,8 @@ constexpr size_t kKeyPiece = 64;
 constexpr unsigned kKeyPieces = 16384;
 // The longest digest VKL's HMAC makes (SHA-512).
 constexpr size_t kMaxMac = 64;
+// The longest extended key: AES-256 and 3DES-EDE need 32 bytes; 64 leaves room for more.
+constexpr uint32_t kMaxExtendedKey = 64;
 
 const char kOutOfMemory[] = "Probly pointless out of mem message";
 
@@ -154,6 +156,16 @@ public:
 private:
     size_t m_length;
     unsigned char* m_data;
+};
+
+// Key material on the stack, wiped however the function holding it returns.
+template <size_t N>
+struct SecretBytes {
+    SecretBytes() = default;
+    SecretBytes(const SecretBytes&) = delete;
+    SecretBytes& operator=(const SecretBytes&) = delete;
+    ~SecretBytes() { zul::Cleanse(data, N); }
+    unsigned char data[N];
 };
 
 const VKL_EVP_CIPHER_t* FindCheckedCipher(VKL_t& vkl, const char* name, const ZulVklConstBuffer& key,
@@ -323,6 +335,8 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     int result = VKL_EVP_DigestInit(&vkl, &md, type);
     if (result != 1) return FailWith(status, vkl, "key digest initialisation failed ", result);
     if (static_cast<long long>(key.length) != VKL_EVP_MD_size(&vkl, type)) {
+        // A failed size query queues an entry that this text replaces.
+        zul::DrainVklErrors(&vkl);
         return Report(status, "Incorrect buffer size for %s digest key generation", digest);
     }
     unsigned char piece[kKeyPiece];
@@ -344,6 +358,7 @@ int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for local key generation", digest);
     if (static_cast<long long>(localisedKey.length) != VKL_EVP_MD_size(&vkl, type)) {
+        zul::DrainVklErrors(&vkl);
         return Report(status, "Incorrect buffer size for %s digest local key generation", digest);
     }
     const uint64_t total = 2 * static_cast<uint64_t>(key.length) + engineId.length;
@@ -386,6 +401,63 @@ int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
     }
     out.data = block;
     out.length = static_cast<uint32_t>(size);
+    return 1;
+}
+
+int ZulVklMdExtendKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, int method,
+                          ZulVklConstBuffer& engineId, ZulVklConstBuffer& localisedKey, ZulVklBuffer& extendedKey,
+                          ZulVklStatusWrap& status) {
+    if (method != ZULVKL_KEY_EXTENSION_BLUMENTHAL && method != ZULVKL_KEY_EXTENSION_REEDER) {
+        return Report(status, "Unknown key extension method for %s digest key extension: %d", digest, method);
+    }
+    const uint32_t wanted = extendedKey.length;
+    if (wanted == 0 || wanted > kMaxExtendedKey) {
+        return Report(status, "Incorrect extended key length for %s digest key extension: %u, 1 to 64 allowed",
+                      digest, static_cast<unsigned>(wanted));
+    }
+    if (localisedKey.length == 0) {
+        status.Set("Currently will not extend an empty localised key");
+        return 0;
+    }
+    const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
+    if (type == nullptr) return Report(status, "Failed to get the %s message digest for key extension", digest);
+    if (localisedKey.length >= wanted) {
+        std::memcpy(extendedKey.data, localisedKey.data, wanted);
+        return 1;
+    }
+    const int size = VKL_EVP_MD_size(&vkl, type);
+    if (size <= 0) return FailWith(status, vkl, "key extension digest size failed ", size);
+    if (static_cast<size_t>(size) > kMaxMac) {
+        return Report(status, "The %s message digest is too long for key extension", digest);
+    }
+    const auto step = static_cast<uint32_t>(size);
+    // The key grows by whole digests and stops at the first length past the one asked.
+    SecretBytes<kMaxExtendedKey + kMaxMac> key;
+    SecretBytes<kMaxMac> ku;
+    uint32_t length = localisedKey.length;
+    std::memcpy(key.data, localisedKey.data, length);
+    while (length < wanted) {
+        if (method == ZULVKL_KEY_EXTENSION_BLUMENTHAL) {
+            int result = VKL_EVP_DigestInit(&vkl, &md, type);
+            if (result != 1) return FailWith(status, vkl, "key extension digest initialisation failed ", result);
+            result = VKL_EVP_DigestUpdate(&vkl, &md, key.data, length);
+            if (result != 1) return FailWith(status, vkl, "key extension digest update failed ", result);
+            result = VKL_EVP_DigestFinal(&vkl, &md, key.data + length, nullptr);
+            if (result != 1) return FailWith(status, vkl, "key extension digest finalisation failed ", result);
+        } else {
+            // The key so far is the password, then its key is localised to the engine.
+            ZulVklConstBuffer password{key.data, length};
+            ZulVklBuffer kuOut{ku.data, step};
+            ZulVklConstBuffer kuIn{ku.data, step};
+            ZulVklBuffer next{key.data + length, step};
+            if (ZulVklMdGenerateKeyImpl(vkl, md, digest, password, kuOut, status) != 1 ||
+                ZulVklMdLocaliseKeyImpl(vkl, md, digest, engineId, kuIn, next, status) != 1) {
+                return 0;
+            }
+        }
+        length += step;
+    }
+    std::memcpy(extendedKey.data, key.data, wanted);
     return 1;
 }
 
@@ -644,6 +716,19 @@ int ZulVklMdKeyChangeDigest(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char*
         return 0;
     }
     return ZulVklMdKeyChangeImpl(*vkl, *mdCtx, digest, *first, *second, *out, *status);
+}
+
+int ZulVklMdExtendKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* digest, int method,
+                      ZulVklConstBuffer* engineId, ZulVklConstBuffer* localisedKey, ZulVklBuffer* extendedKey,
+                      ZulVklStatusWrap* status) {
+    VKL_t* vkl = ZulVklWrapConvert(ctx);
+    VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || engineId == nullptr || localisedKey == nullptr ||
+        extendedKey == nullptr || status == nullptr) {
+        SetOrReportError(status, "Invalid NULL arg to ZulVklMdExtendKey");
+        return 0;
+    }
+    return ZulVklMdExtendKeyImpl(*vkl, *mdCtx, digest, method, *engineId, *localisedKey, *extendedKey, *status);
 }
 
 int ZulVklMdDigestLength(ZulVklCtxWrap* ctx, const char* digest) {
