@@ -103,7 +103,6 @@ CZulCryptDH::~CZulCryptDH() {
         VKL_DH_free(Vkl(), m_pDHWrap->m_pDH);
     }
     delete m_pDHWrap;
-    std::free(m_pSharedSecret);
 }
 
 // Only an object with a DH record calls VKL, and it has one only from a context with VKL.
