@@ -3,25 +3,26 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 #include <string>
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/trace.h"
 
 namespace {
 
 constexpr char kZulFile[] = "czulcryptciphercontext";
 constexpr char kInvalidState[] = "VKL Context in an invalid state";
 
-const char* NameOrNull(const char* name) { return name != nullptr ? name : "NULL"; }
 const char* DataOrNull(const unsigned char* data) { return data != nullptr ? "DATA" : "NULL"; }
 
 // Operation traces are built only when someone will see them: the streaming
 // calls run once per piece of data.
-bool Tracing() { return CZulCryptContext::m_DebugResponseFn != nullptr || CZulCryptContext::m_LogLevel >= 4; }
+constexpr unsigned int kOperationTrace = 4;
 
-void Trace(const std::string& text) { CZulCryptContext::HandleDebug(text.c_str(), 4); }
+bool Tracing() { return zul::TraceWanted(kOperationTrace); }
+
+void Trace(const std::string& text) { CZulCryptContext::HandleDebug(text.c_str(), kOperationTrace); }
 
 std::string DataTrace(const char* operation, const unsigned char* in, int length, const char* separator) {
     return std::string("CZulCryptCipherContext::") + operation + "(" + DataOrNull(in) + separator +
@@ -33,9 +34,9 @@ std::string DataTrace(const char* operation, const unsigned char* in, int length
 CZulCryptCipherContext::CZulCryptCipherContext(CZulCryptContext& context)
     : m_rContext(context), m_pCipherCtxWrap(nullptr), m_pCipher(nullptr), m_pIv(nullptr), m_bStatus(false),
       m_ivLength(0) {
-    std::ostringstream trace;
-    trace << "CZulCryptCipherContext::CZulCryptCipherContext(" << static_cast<const void*>(&context) << ")";
-    CZulCryptContext::HandleDebug(trace.str().c_str(), 1);
+    zul::Trace(1, [&](std::ostream& out) {
+        out << "CZulCryptCipherContext::CZulCryptCipherContext(" << static_cast<const void*>(&context) << ")";
+    });
     Initialise();
 }
 
@@ -91,7 +92,7 @@ void CZulCryptCipherContext::ReleaseIv() {
 
 bool CZulCryptCipherContext::SetType(const char* name, const unsigned char* key, int keyLength,
                                      const unsigned char* iv, int ivLength, bool encrypt) {
-    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetType(") + NameOrNull(name) + ")\n");
+    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetType(") + zul::OrNull(name) + ")\n");
     if (!m_rContext.CheckAlgorithmAllowed(eZulCryptUsageCipher, name)) return false;
     if (HasCipher()) ResetCipher();
     if (!m_bStatus) {
@@ -144,23 +145,23 @@ bool CZulCryptCipherContext::SetType(const char* name, const unsigned char* key,
 bool CZulCryptCipherContext::SetEncryptType(const char* name, const unsigned char* key, int keyLength,
                                             const unsigned char* iv, int ivLength) {
     // No closing parenthesis in this one trace: log readers match it as it stands.
-    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetEncryptType(") + NameOrNull(name) + "\n");
+    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetEncryptType(") + zul::OrNull(name) + "\n");
     return SetType(name, key, keyLength, iv, ivLength, true);
 }
 
 bool CZulCryptCipherContext::SetEncryptType(const char* name, const unsigned char* key, int keyLength) {
-    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetEncryptType(") + NameOrNull(name) + ")\n");
+    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetEncryptType(") + zul::OrNull(name) + ")\n");
     return SetType(name, key, keyLength, nullptr, 0, true);
 }
 
 bool CZulCryptCipherContext::SetDecryptType(const char* name, const unsigned char* key, int keyLength,
                                             const unsigned char* iv, int ivLength) {
-    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetDecryptType(") + NameOrNull(name) + ")\n");
+    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetDecryptType(") + zul::OrNull(name) + ")\n");
     return SetType(name, key, keyLength, iv, ivLength, false);
 }
 
 bool CZulCryptCipherContext::SetDecryptType(const char* name, const unsigned char* key, int keyLength) {
-    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetDecryptType(") + NameOrNull(name) + ")\n");
+    if (Tracing()) Trace(std::string("CZulCryptCipherContext::SetDecryptType(") + zul::OrNull(name) + ")\n");
     return SetType(name, key, keyLength, nullptr, 0, false);
 }
 

@@ -1,6 +1,5 @@
 #include <czulcryptmdcontext.h>
 
-#include <sstream>
 #include <string>
 
 #include "../common/report.h"
@@ -10,19 +9,17 @@ static constexpr char kZulFile[] = "czulcryptmdcontext";
 
 namespace {
 
-const char* OrNull(const char* text) { return text != nullptr ? text : "NULL"; }
 
-void TraceValue(const std::ostringstream& trace) { CZulCryptContext::HandleDebug(trace.str().c_str(), 4); }
+// Calls and the values they return are traced at this level.
+constexpr unsigned int kValueTrace = 4;
 
 }  // namespace
 
 CZulCryptMDContext::CZulCryptMDContext(CZulCryptContext& context)
     : m_rContext(context), m_pMDCtxWrap(nullptr), m_pMD(nullptr), m_bStatus(false) {
-    if (zul::TraceWanted(4)) {
-        std::ostringstream trace;
-        trace << "CZulCryptMDContext::CZulCryptMDContext(" << static_cast<const void*>(&context) << ")\n";
-        TraceValue(trace);
-    }
+    zul::Trace(kValueTrace, [&](std::ostream& out) {
+        out << "CZulCryptMDContext::CZulCryptMDContext(" << static_cast<const void*>(&context) << ")\n";
+    });
     Initialise();
 }
 
@@ -63,11 +60,9 @@ void CZulCryptMDContext::Initialise() {
 }
 
 bool CZulCryptMDContext::SetType(const char* name) {
-    if (zul::TraceWanted(4)) {
-        std::ostringstream trace;
-        trace << "CZulCryptMDContext::SetType(" << OrNull(name) << ")\n";
-        TraceValue(trace);
-    }
+    zul::Trace(kValueTrace, [&](std::ostream& out) {
+        out << "CZulCryptMDContext::SetType(" << zul::OrNull(name) << ")\n";
+    });
     if (!m_rContext.CheckAlgorithmAllowed(eZulCryptUsageDigest, name)) return false;
     if (!m_bStatus) {
         ZUL_REPORT("VKL Context in an invalid state");
@@ -98,17 +93,15 @@ void CZulCryptMDContext::DropHash() {
 }
 
 bool CZulCryptMDContext::AddData(void* data, unsigned int length) {
-    if (zul::TraceWanted(4)) {
-        std::ostringstream trace;
-        trace << "CZulCryptMDContext::AddData(";
+    zul::Trace(kValueTrace, [&](std::ostream& out) {
+        out << "CZulCryptMDContext::AddData(";
         if (data != nullptr) {
-            trace << data;
+            out << data;
         } else {
-            trace << "NULL";
+            out << "NULL";
         }
-        trace << ")\n";
-        TraceValue(trace);
-    }
+        out << ")\n";
+    });
     if (!m_bStatus) {
         ZUL_REPORT("VKL Context in an invalid state");
         return false;
@@ -154,33 +147,27 @@ const char* CZulCryptMDContext::GetType() {
     if (m_bStatus && m_pMD != nullptr && m_pMD->m_pMD != nullptr) {
         name = VKL_OBJ_nid2sn(Vkl(), VKL_EVP_MD_type(Vkl(), m_pMD->m_pMD));
     }
-    if (zul::TraceWanted(4)) {
-        std::ostringstream trace;
-        trace << "CZulCryptMDContext::GetType() returning " << OrNull(name) << "\n";
-        TraceValue(trace);
-    }
+    zul::Trace(kValueTrace, [&](std::ostream& out) {
+        out << "CZulCryptMDContext::GetType() returning " << zul::OrNull(name) << "\n";
+    });
     return name;
 }
 
 int CZulCryptMDContext::GetDigestSize() {
     int size = -1;
     if (m_bStatus && m_pMD != nullptr && m_pMD->m_pMD != nullptr) size = VKL_EVP_MD_size(Vkl(), m_pMD->m_pMD);
-    if (zul::TraceWanted(4)) {
-        std::ostringstream trace;
-        trace << "CZulCryptMDContext::GetDigestSize() returning " << size << "\n";
-        TraceValue(trace);
-    }
+    zul::Trace(kValueTrace, [&](std::ostream& out) {
+        out << "CZulCryptMDContext::GetDigestSize() returning " << size << "\n";
+    });
     return size;
 }
 
 int CZulCryptMDContext::GetDigestBlockSize() {
     int size = -1;
     if (m_bStatus && m_pMD != nullptr && m_pMD->m_pMD != nullptr) size = VKL_EVP_MD_block_size(Vkl(), m_pMD->m_pMD);
-    if (zul::TraceWanted(4)) {
-        std::ostringstream trace;
-        trace << "CZulCryptMDContext::GetBlockSize() returning " << size << "\n";
-        TraceValue(trace);
-    }
+    zul::Trace(kValueTrace, [&](std::ostream& out) {
+        out << "CZulCryptMDContext::GetBlockSize() returning " << size << "\n";
+    });
     return size;
 }
 

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <sstream>
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
@@ -45,11 +44,9 @@ CZulCryptHMAC::CZulCryptHMAC(CZulCryptContext& context, const char* digestName, 
         m_bStatus = false;
         return;
     }
-    if (zul::TraceWanted(3)) {
-        std::ostringstream trace;
-        trace << "CZulCryptHMAC::CZulCryptHMAC(" << static_cast<const void*>(&context) << ")\n";
-        CZulCryptContext::HandleDebug(trace.str().c_str(), 3);
-    }
+    zul::Trace(3, [&](std::ostream& out) {
+        out << "CZulCryptHMAC::CZulCryptHMAC(" << static_cast<const void*>(&context) << ")\n";
+    });
     // The key is only read when it has a length; a missing one cannot be padded.
     if (key == nullptr && keyLength != 0) {
         m_bStatus = false;

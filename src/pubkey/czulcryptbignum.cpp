@@ -2,11 +2,11 @@
 
 #include <cstring>
 #include <new>
-#include <sstream>
 #include <string>
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/trace.h"
 #include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptbignum";
@@ -16,9 +16,9 @@ static constexpr unsigned int kScratchBytes = 8192;
 
 CZulCryptBigNum::CZulCryptBigNum(CZulCryptContext& context)
     : m_rContext(context), m_pBigNumPacket(nullptr), m_uLen(0) {
-    std::ostringstream trace;
-    trace << "CZulCryptBigNum::CZulCryptBigNum(" << static_cast<const void*>(&context) << ")";
-    CZulCryptContext::HandleDebug(trace.str().c_str(), 4);
+    zul::Trace(4, [&](std::ostream& out) {
+        out << "CZulCryptBigNum::CZulCryptBigNum(" << static_cast<const void*>(&context) << ")";
+    });
 }
 
 CZulCryptBigNum::~CZulCryptBigNum() {

@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
@@ -58,10 +57,9 @@ namespace {
 const unsigned char kGenerator = 0x02;
 
 void TraceConstruction(const CZulCryptContext& context) {
-    if (!zul::TraceWanted(3)) return;
-    std::ostringstream trace;
-    trace << "CZulCryptDH::CZulCryptDH(" << static_cast<const void*>(&context) << ")\n";
-    CZulCryptContext::HandleDebug(trace.str().c_str(), 3);
+    zul::Trace(3, [&](std::ostream& out) {
+        out << "CZulCryptDH::CZulCryptDH(" << static_cast<const void*>(&context) << ")\n";
+    });
 }
 
 }  // namespace

@@ -144,7 +144,8 @@ const VKL_EVP_CIPHER_t* FindCipher(VKL_t& vkl, const char* name) {
 // The localisation work area: key material, wiped before it is released.
 class WorkArea {
 public:
-    explicit WorkArea(size_t length) : m_length(length), m_data(static_cast<unsigned char*>(std::malloc(length ? length : 1))) {}
+    explicit WorkArea(size_t length)
+        : m_length(length), m_data(static_cast<unsigned char*>(std::malloc(length ? length : 1))) {}
     ~WorkArea() {
         zul::Cleanse(m_data, m_length);
         std::free(m_data);
