@@ -1,10 +1,19 @@
-// The commands of zulcrypt. Each takes its own arguments (argv[0] is the
-// command's name) and the standard streams, and returns the exit status.
+// The commands of zulcrypt. Each family adds its subcommands to the command
+// line parser and binds each to an action that runs once the line parsed.
 #ifndef ZULCRYPT_COMMANDS_H
 #define ZULCRYPT_COMMANDS_H
 
+#include <functional>
 #include <iosfwd>
+#include <map>
+#include <string>
+#include <utility>
 #include <vector>
+
+namespace CLI {
+class App;
+class Validator;
+}
 
 namespace zulcrypt {
 
@@ -12,32 +21,32 @@ struct Streams {
     std::istream& in;
     std::ostream& out;
     std::ostream& err;
+    // Whether standard input is a terminal a password can be typed on.
+    bool terminal = false;
 };
 
-using CommandFn = int (*)(int argc, char** argv, Streams& io);
+// A subcommand's work on its parsed options; returns the exit status.
+using Action = std::function<int(Streams& io)>;
+using Actions = std::vector<std::pair<CLI::App*, Action>>;
 
-struct Command {
-    const char* name;
-    const char* synopsis;  // arguments, as --help shows them
-    const char* summary;
-    CommandFn run;
-};
+void AddSelfTestCommand(CLI::App& app, Actions& actions);
+void AddDigestCommands(CLI::App& app, Actions& actions);
+void AddCipherCommands(CLI::App& app, Actions& actions);
+void AddUsmCommands(CLI::App& app, Actions& actions);
 
-const std::vector<Command>& Commands();
+// Replaces a value matched without regard to case by its canonical name (the
+// map's value for the upper-case key); refuses any other value, naming what
+// is accepted.
+CLI::Validator Choice(std::map<std::string, std::string> names, const std::string& accepted);
 
-// Prints the usage of every command.
-void PrintHelp(std::ostream& out);
+// Print "zulcrypt COMMAND: why" on standard error, Usage followed by " (see
+// zulcrypt COMMAND --help)"; both return 2, the status of bad usage or input.
+int Refused(Streams& io, const char* command, const std::string& why);
+int Usage(Streams& io, const char* command, const std::string& why);
 
-// Runs the command named argv[0]; 2 for an unknown command.
+// Parses the words after the program's name and runs the command they name:
+// its status, 0 for --help or --version, 2 for a line the parser refused.
 int Dispatch(int argc, char** argv, Streams& io);
-
-int SelfTestCommand(int argc, char** argv, Streams& io);
-int DigestCommand(int argc, char** argv, Streams& io);
-int HmacCommand(int argc, char** argv, Streams& io);
-int EncryptCommand(int argc, char** argv, Streams& io);
-int DecryptCommand(int argc, char** argv, Streams& io);
-int UsmKeysCommand(int argc, char** argv, Streams& io);
-int KeyChangeCommand(int argc, char** argv, Streams& io);
 
 }  // namespace zulcrypt
 

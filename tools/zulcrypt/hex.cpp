@@ -12,37 +12,33 @@ int Nibble(char c) {
 
 }  // namespace
 
-std::string ToHex(const unsigned char* data, size_t length) {
+void EncodeHex(const unsigned char* data, size_t length, char* text) {
     static const char digits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(2 * length);
     for (size_t i = 0; i < length; ++i) {
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 15];
+        text[2 * i] = digits[data[i] >> 4];
+        text[2 * i + 1] = digits[data[i] & 15];
     }
-    return text;
 }
 
-std::string ToHex(const std::vector<unsigned char>& data) { return ToHex(data.data(), data.size()); }
-
-bool FromHex(const std::string& text, std::vector<unsigned char>& out) {
-    if (text.size() % 2 != 0) return false;
-    out.clear();
-    for (size_t i = 0; i < text.size(); i += 2) {
+bool DecodeHex(const char* text, size_t length, unsigned char* out) {
+    for (size_t i = 0; i + 1 < length; i += 2) {
         const int high = Nibble(text[i]), low = Nibble(text[i + 1]);
         if (high < 0 || low < 0) return false;
-        out.push_back(static_cast<unsigned char>(high << 4 | low));
+        out[i / 2] = static_cast<unsigned char>(high << 4 | low);
     }
     return true;
 }
 
-bool FromLooseHex(std::string text, std::vector<unsigned char>& out) {
-    if (text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0) text.erase(0, 2);
-    std::string digits;
-    for (char c : text) {
-        if (c != ':') digits += c;
+bool FromLooseHex(const std::string& text, Bytes& out) {
+    const size_t start = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? 2 : 0;
+    SecretText digits;
+    digits.reserve(text.size());
+    for (size_t i = start; i < text.size(); ++i) {
+        if (text[i] != ':') digits += text[i];
     }
-    return FromHex(digits, out);
+    if (digits.size() % 2 != 0) return false;
+    out.assign(digits.size() / 2, 0);
+    return DecodeHex(digits.data(), digits.size(), out.data());
 }
 
 }  // namespace zulcrypt

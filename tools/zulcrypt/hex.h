@@ -1,4 +1,5 @@
-// Hex text in and out for the tool's commands.
+// Hex text in and out for the tool's commands. The templates give wiping
+// containers (secret.h) for keys and plain ones for everything else.
 #ifndef ZULCRYPT_TOOL_HEX_H
 #define ZULCRYPT_TOOL_HEX_H
 
@@ -6,19 +7,39 @@
 #include <string>
 #include <vector>
 
+#include "secret.h"
+
 namespace zulcrypt {
 
+// Writes 2 * length lower-case hex digits to text.
+void EncodeHex(const unsigned char* data, size_t length, char* text);
+// Reads length hex digits (either case) into length / 2 bytes of out; false
+// on any other character.
+bool DecodeHex(const char* text, size_t length, unsigned char* out);
+
 // Lower-case hex, two digits a byte.
-std::string ToHex(const unsigned char* data, size_t length);
-std::string ToHex(const std::vector<unsigned char>& data);
+template <class Text = std::string>
+Text ToHex(const unsigned char* data, size_t length) {
+    Text text(2 * length, '0');
+    EncodeHex(data, length, &text[0]);
+    return text;
+}
+inline std::string ToHex(const std::vector<unsigned char>& data) { return ToHex(data.data(), data.size()); }
+inline SecretText ToHex(const Bytes& data) { return ToHex<SecretText>(data.data(), data.size()); }
 
 // Replaces out with the bytes of an even number of hex digits (either case);
 // false, with out unspecified, on an odd length or any other character.
-bool FromHex(const std::string& text, std::vector<unsigned char>& out);
+template <class Alloc>
+bool FromHex(const std::string& text, std::vector<unsigned char, Alloc>& out) {
+    if (text.size() % 2 != 0) return false;
+    // Sized once: growing would leave copies of a key behind.
+    out.assign(text.size() / 2, 0);
+    return DecodeHex(text.data(), text.size(), out.data());
+}
 
 // As FromHex, but also takes a 0x prefix and ':' between digits, as engine
 // IDs and keys are often written by SNMP tools.
-bool FromLooseHex(std::string text, std::vector<unsigned char>& out);
+bool FromLooseHex(const std::string& text, Bytes& out);
 
 }  // namespace zulcrypt
 

@@ -6,16 +6,16 @@
 #include <czulcryptcontext.h>
 #include <wexcrypt.h>
 
+#include <CLI/CLI.hpp>
+
 #include "commands.h"
 #include "reports.h"
 
 namespace zulcrypt {
 
-int SelfTestCommand(int argc, char**, Streams& io) {
-    if (argc != 1) {
-        io.err << "usage: zulcrypt selftest\n";
-        return 2;
-    }
+namespace {
+
+int SelfTest(Streams& io) {
     // The context reports what went wrong through the error callback; the
     // command shows those texts as the decoded status.
     std::vector<std::string> reports;
@@ -38,6 +38,15 @@ int SelfTestCommand(int argc, char**, Streams& io) {
     io.out << "fips mode: " << (WEXUTILSIsSystemFips() == 1 ? "yes" : "no") << '\n';
     io.out << "vkl: " << version << '\n';
     return usable ? 0 : 1;
+}
+
+}  // namespace
+
+void AddSelfTestCommand(CLI::App& app, Actions& actions) {
+    CLI::App* sub = app.add_subcommand("selftest", "Build a crypto context and say whether it is usable.");
+    sub->footer("Prints the context's state, the decoded status records, the host's FIPS mode and VKL's version;\n"
+                "exits 0 only when the context is usable.");
+    actions.emplace_back(sub, SelfTest);
 }
 
 }  // namespace zulcrypt

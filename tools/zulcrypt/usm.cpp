@@ -3,38 +3,64 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <ostream>
 #include <string>
-#include <vector>
 
 #include <sys/random.h>
 
+#include <CLI/CLI.hpp>
 #include <zulcryptimpl.h>
 
 #include "commands.h"
 #include "hex.h"
+#include "password.h"
+#include "secret.h"
 
 namespace zulcrypt {
 namespace {
 
-using Bytes = std::vector<unsigned char>;
-
-// Authentication digests by the names operators use, with the VKL name of each.
-struct AuthDigest {
-    const char* name;
-    const char* vkl;
-};
-const AuthDigest kAuthDigests[] = {
+// Authentication digests by the names operators use (matched without regard
+// to case), with the VKL name of each.
+const std::map<std::string, std::string> kAuthDigests = {
     {"MD5", "MD5"},       {"SHA1", "SHA1"},     {"SHA", "SHA1"},      {"SHA-1", "SHA1"},
     {"SHA224", "SHA224"}, {"SHA-224", "SHA224"}, {"SHA256", "SHA256"}, {"SHA-256", "SHA256"},
     {"SHA384", "SHA384"}, {"SHA-384", "SHA384"}, {"SHA512", "SHA512"}, {"SHA-512", "SHA512"},
 };
 
-const char* VklDigest(const std::string& name) {
-    for (const AuthDigest& digest : kAuthDigests) {
-        if (name == digest.name) return digest.vkl;
+// How a privacy key longer than the localised key is grown from it. Only
+// None so far: AES-192/256 (Blumenthal), their -C variants and 3DES (Reeder)
+// become rows once the library can extend a key.
+enum class KeyExtension { None };
+
+// The SNMP privacy protocols: the key (and DES's pre-IV) are the first bytes of
+// the localised key, RFC 3414 8.1.1.1 and RFC 3826 3.1.2.1.
+struct PrivProtocol {
+    const char* name;
+    const char* cipher;  // the VKL cipher the protocol encrypts with
+    size_t keyLength;
+    size_t preIvLength;
+    KeyExtension extension;
+};
+const PrivProtocol kPrivProtocols[] = {
+    {"DES", "DES-CBC", 8, 8, KeyExtension::None},
+    {"AES-128", "AES-128-CFB", 16, 0, KeyExtension::None},
+};
+// Other names operators use for them.
+const std::map<std::string, std::string> kPrivAliases = {{"DES-CBC", "DES"}, {"AES", "AES-128"}, {"AES-128-CFB", "AES-128"}};
+
+const PrivProtocol* FindPriv(const std::string& name) {
+    for (const PrivProtocol& protocol : kPrivProtocols) {
+        if (name == protocol.name) return &protocol;
     }
     return nullptr;
+}
+
+std::map<std::string, std::string> PrivNames() {
+    std::map<std::string, std::string> names = kPrivAliases;
+    for (const PrivProtocol& protocol : kPrivProtocols) names[protocol.name] = protocol.name;
+    return names;
 }
 
 ZulVklConstBuffer In(const Bytes& bytes) {
@@ -59,10 +85,9 @@ public:
 
     int DigestLength(const char* digest) { return ZulVklMdDigestLength(m_ctx, digest); }
 
-    bool PasswordToKey(const char* digest, const std::string& password, Bytes& key) {
+    bool PasswordToKey(const char* digest, const Bytes& password, Bytes& key) {
         key.assign(static_cast<size_t>(DigestLength(digest)), 0);
-        ZulVklConstBuffer in{reinterpret_cast<const unsigned char*>(password.data()),
-                             static_cast<uint32_t>(password.size())};
+        ZulVklConstBuffer in = In(password);
         ZulVklBuffer out{key.data(), static_cast<uint32_t>(key.size())};
         return ZulVklMdGenerateKey(m_ctx, m_md, digest, &in, &out, m_status) == 1;
     }
@@ -79,6 +104,7 @@ public:
         ZulVklBuffer out{nullptr, 0};
         if (ZulVklMdKeyChangeDigest(m_ctx, m_md, digest, &a, &b, &out, m_status) != 1) return false;
         result.assign(out.data, out.data + out.length);
+        zul::Cleanse(out.data, out.length);
         std::free(out.data);
         return true;
     }
@@ -91,84 +117,112 @@ private:
     ZulVklMdCtxWrap* m_md = nullptr;
 };
 
-// "--name value" options; false (with the reason) for anything else.
-bool ParseOptions(int argc, char** argv, const std::vector<std::string>& known,
-                  std::vector<std::pair<std::string, std::string>>& options, std::string& error) {
-    for (int i = 1; i < argc; i += 2) {
-        const std::string name = argv[i];
-        bool isKnown = false;
-        for (const std::string& option : known) isKnown = isKnown || name == option;
-        if (!isKnown) {
-            error = "unknown option '" + name + "'";
-            return false;
-        }
-        if (i + 1 >= argc) {
-            error = "option " + name + " needs a value";
-            return false;
-        }
-        options.emplace_back(name, argv[i + 1]);
-    }
-    return true;
-}
-
-const std::string* Option(const std::vector<std::pair<std::string, std::string>>& options, const char* name) {
-    const std::string* found = nullptr;
-    for (const auto& option : options) {
-        if (option.first == name) found = &option.second;
-    }
-    return found;
-}
-
-int Usage(Streams& io, const char* command, const std::string& error) {
-    io.err << "zulcrypt " << command << ": " << error << " (see zulcrypt --help)\n";
-    return 2;
-}
-
 int Failed(Streams& io, const char* command, const std::string& what, const char* text) {
     io.err << "zulcrypt " << command << ": " << what << " failed: " << text << '\n';
     return 1;
 }
 
-}  // namespace
+// RFC 3411's SnmpEngineID is 5 to 32 octets; RFC 3414 11.2 asks for passwords
+// of at least 8 characters.
+constexpr size_t kMinEngineId = 5;
+constexpr size_t kMaxEngineId = 32;
+constexpr size_t kMinPassword = 8;
 
-int UsmKeysCommand(int argc, char** argv, Streams& io) {
-    static const char kName[] = "usm-keys";
-    std::vector<std::pair<std::string, std::string>> options;
-    std::string error;
-    if (!ParseOptions(argc, argv, {"--password", "--auth-password", "--priv-password", "--engine-id", "--auth", "--priv"},
-                      options, error)) {
-        return Usage(io, kName, error);
+// A password given as text or as a file to read it from.
+struct PasswordOption {
+    std::string text;
+    std::string file;
+    CLI::Option* textOption = nullptr;
+    CLI::Option* fileOption = nullptr;
+
+    // 1 read into password, 0 not given, -1 unreadable (why set).
+    int Take(Streams& io, Bytes& password, bool& onCommandLine, std::string& why) {
+        if (textOption->count() > 0) {
+            password.assign(text.begin(), text.end());
+            Wipe(text);
+            onCommandLine = true;
+            return 1;
+        }
+        if (fileOption->count() == 0) return 0;
+        return ReadPasswordFile(file, io, password, why) ? 1 : -1;
     }
-    const std::string* password = Option(options, "--password");
-    const std::string* authPassword = Option(options, "--auth-password");
-    const std::string* privPassword = Option(options, "--priv-password");
-    const std::string* engineHex = Option(options, "--engine-id");
-    const std::string* auth = Option(options, "--auth");
-    const std::string* priv = Option(options, "--priv");
-    if (engineHex == nullptr || auth == nullptr) return Usage(io, kName, "--engine-id and --auth are required");
-    if (authPassword == nullptr) authPassword = password;
-    if (privPassword == nullptr) privPassword = password;
-    if (authPassword == nullptr) return Usage(io, kName, "a password is required (--password or --auth-password)");
-    if (priv != nullptr && privPassword == nullptr) return Usage(io, kName, "--priv needs --password or --priv-password");
-    if (authPassword->empty() || (priv != nullptr && privPassword->empty())) {
-        return Usage(io, kName, "empty password");
+};
+
+struct UsmOptions {
+    PasswordOption password, auth, priv;
+    std::string engineId;
+    std::string digest;
+    std::string privacy;
+};
+
+void AddPasswordOption(CLI::App* sub, PasswordOption& option, const std::string& name, const std::string& what) {
+    option.textOption = sub->add_option("--" + name, option.text, what + " on the command line (seen by ps; prefer the file)");
+    option.fileOption =
+        sub->add_option("--" + name + "-file", option.file, what + ": the first line of FILE (- standard input)")
+            ->type_name("FILE");
+    option.textOption->excludes(option.fileOption);
+}
+
+int UsmKeys(UsmOptions& o, Streams& io) {
+    static const char kName[] = "usm-keys";
+    const PrivProtocol* priv = o.privacy.empty() ? nullptr : FindPriv(o.privacy);
+    Bytes shared, authPassword, privPassword;
+    bool onCommandLine = false;
+    std::string why;
+    const int haveShared = o.password.Take(io, shared, onCommandLine, why);
+    const int haveAuth = haveShared < 0 ? -1 : o.auth.Take(io, authPassword, onCommandLine, why);
+    const int havePriv = haveAuth < 0 ? -1 : o.priv.Take(io, privPassword, onCommandLine, why);
+    if (havePriv < 0) return Refused(io, kName, why);
+    bool authGiven = haveAuth == 1, privGiven = havePriv == 1 || priv == nullptr;
+    // One password for both unless each has its own; warned about once then.
+    const bool same = haveAuth != 1 && havePriv != 1;
+    if (haveShared == 1) {
+        if (!authGiven) authPassword = shared;
+        if (!privGiven) privPassword = shared;
+        authGiven = privGiven = true;
+    }
+    if (!authGiven) {
+        const char* prompt = privGiven ? "authentication password: " : "password (authentication and privacy): ";
+        if (!PromptPassword(prompt, io, authPassword)) {
+            return Usage(io, kName, "a password is required: --password-file FILE, --auth-password-file FILE or a terminal");
+        }
+        if (!privGiven) privPassword = authPassword;
+        privGiven = true;
+    }
+    if (!privGiven && !PromptPassword("privacy password: ", io, privPassword)) {
+        return Usage(io, kName, "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE or a terminal");
+    }
+    if (authPassword.empty() || (priv != nullptr && privPassword.empty())) return Usage(io, kName, "empty password");
+    if (onCommandLine) {
+        io.err << "zulcrypt usm-keys: warning: a password on the command line is seen by ps and kept in shell history;"
+                  " use --password-file or the prompt\n";
+    }
+    const bool shortAuth = authPassword.size() < kMinPassword;
+    const bool shortPriv = priv != nullptr && privPassword.size() < kMinPassword;
+    if (same && shortAuth) {
+        io.err << "zulcrypt usm-keys: warning: the password is shorter than 8 characters (RFC 3414 section 11.2)\n";
+    } else {
+        if (shortAuth) {
+            io.err << "zulcrypt usm-keys: warning: the authentication password is shorter than 8 characters"
+                      " (RFC 3414 section 11.2)\n";
+        }
+        if (shortPriv) {
+            io.err << "zulcrypt usm-keys: warning: the privacy password is shorter than 8 characters"
+                      " (RFC 3414 section 11.2)\n";
+        }
     }
     Bytes engineId;
-    if (!FromLooseHex(*engineHex, engineId)) return Usage(io, kName, "bad hex in --engine-id: '" + *engineHex + "'");
-    if (engineId.empty()) return Usage(io, kName, "empty engine ID");
-    const char* digest = VklDigest(*auth);
-    if (digest == nullptr) {
-        return Usage(io, kName, "unknown digest '" + *auth + "' (MD5, SHA1, SHA224, SHA256, SHA384 or SHA512)");
+    if (!FromLooseHex(o.engineId, engineId)) return Usage(io, kName, "bad hex in --engine-id: '" + o.engineId + "'");
+    if (engineId.size() < kMinEngineId || engineId.size() > kMaxEngineId) {
+        return Usage(io, kName,
+                     "an engine ID is 5 to 32 octets long (RFC 3411), not " + std::to_string(engineId.size()));
     }
-    // RFC 3414 DES: key and pre-IV from the first 16 bytes; RFC 3826 AES-128: key from the first 16.
-    const bool des = priv != nullptr && (*priv == "DES" || *priv == "DES-CBC");
-    const bool aes = priv != nullptr && (*priv == "AES" || *priv == "AES-128" || *priv == "AES-128-CFB");
-    if (priv != nullptr && !des && !aes) return Usage(io, kName, "unknown privacy protocol '" + *priv + "' (DES or AES-128)");
+    const char* digest = o.digest.c_str();
 
     Session session;
     if (!session.Usable()) return Failed(io, kName, "crypto context", "not usable");
     Bytes ku, kul;
-    if (!session.PasswordToKey(digest, *authPassword, ku)) return Failed(io, kName, "password to key", session.Error());
+    if (!session.PasswordToKey(digest, authPassword, ku)) return Failed(io, kName, "password to key", session.Error());
     if (!session.Localise(digest, ku, engineId, kul)) return Failed(io, kName, "key localisation", session.Error());
     io.out << "auth protocol: " << digest << '\n'
            << "auth Ku: " << ToHex(ku) << '\n'
@@ -176,49 +230,44 @@ int UsmKeysCommand(int argc, char** argv, Streams& io) {
     if (priv == nullptr) return 0;
 
     Bytes privKu, privKul;
-    if (!session.PasswordToKey(digest, *privPassword, privKu)) {
+    if (!session.PasswordToKey(digest, privPassword, privKu)) {
         return Failed(io, kName, "password to key", session.Error());
     }
     if (!session.Localise(digest, privKu, engineId, privKul)) {
         return Failed(io, kName, "key localisation", session.Error());
     }
-    // Privacy keys are cut from the localised key: RFC 7860 digests give at least 16 bytes.
-    io.out << "priv protocol: " << (des ? "DES" : "AES-128") << '\n'
+    if (privKul.size() < priv->keyLength + priv->preIvLength) {
+        return Failed(io, kName, "privacy key", "the localised key is too short for the protocol");
+    }
+    io.out << "priv protocol: " << priv->name << '\n'
            << "priv Ku: " << ToHex(privKu) << '\n'
-           << "priv Kul: " << ToHex(privKul) << '\n';
-    if (des) {
-        io.out << "DES key: " << ToHex(privKul.data(), 8) << '\n' << "DES pre-IV: " << ToHex(privKul.data() + 8, 8) << '\n';
-    } else {
-        io.out << "AES-128 key: " << ToHex(privKul.data(), 16) << '\n';
+           << "priv Kul: " << ToHex(privKul) << '\n'
+           << priv->name << " key: " << ToHex<SecretText>(privKul.data(), priv->keyLength) << '\n';
+    if (priv->preIvLength > 0) {
+        io.out << priv->name << " pre-IV: " << ToHex<SecretText>(privKul.data() + priv->keyLength, priv->preIvLength) << '\n';
     }
     return 0;
 }
 
-int KeyChangeCommand(int argc, char** argv, Streams& io) {
+struct KeyChangeOptions {
+    std::string digest;
+    std::string oldKey;
+    std::string newKey;
+    std::string random;
+};
+
+int KeyChange(KeyChangeOptions& o, Streams& io) {
     static const char kName[] = "keychange";
-    std::vector<std::pair<std::string, std::string>> options;
-    std::string error;
-    if (!ParseOptions(argc, argv, {"--auth", "--old", "--new", "--random"}, options, error)) {
-        return Usage(io, kName, error);
-    }
-    const std::string* auth = Option(options, "--auth");
-    const std::string* oldHex = Option(options, "--old");
-    const std::string* newHex = Option(options, "--new");
-    const std::string* randomHex = Option(options, "--random");
-    if (auth == nullptr || oldHex == nullptr || newHex == nullptr) {
-        return Usage(io, kName, "--auth, --old and --new are required");
-    }
-    const char* digest = VklDigest(*auth);
-    if (digest == nullptr) {
-        return Usage(io, kName, "unknown digest '" + *auth + "' (MD5, SHA1, SHA224, SHA256, SHA384 or SHA512)");
-    }
     Bytes oldKey, newKey, random;
-    if (!FromLooseHex(*oldHex, oldKey)) return Usage(io, kName, "bad hex in --old: '" + *oldHex + "'");
-    if (!FromLooseHex(*newHex, newKey)) return Usage(io, kName, "bad hex in --new: '" + *newHex + "'");
+    const bool oldHex = FromLooseHex(o.oldKey, oldKey), newHex = FromLooseHex(o.newKey, newKey);
+    Wipe(o.oldKey);
+    Wipe(o.newKey);
+    if (!oldHex) return Usage(io, kName, "bad hex in --old");
+    if (!newHex) return Usage(io, kName, "bad hex in --new");
     if (newKey.empty()) return Usage(io, kName, "empty key");
     if (oldKey.size() != newKey.size()) return Usage(io, kName, "old and new keys differ in length");
-    if (randomHex != nullptr) {
-        if (!FromLooseHex(*randomHex, random)) return Usage(io, kName, "bad hex in --random: '" + *randomHex + "'");
+    if (!o.random.empty()) {
+        if (!FromLooseHex(o.random, random)) return Usage(io, kName, "bad hex in --random: '" + o.random + "'");
         if (random.size() != newKey.size()) return Usage(io, kName, "the random value must be as long as the keys");
     } else {
         random.assign(newKey.size(), 0);
@@ -226,6 +275,7 @@ int KeyChangeCommand(int argc, char** argv, Streams& io) {
             return Failed(io, kName, "drawing the random value", std::strerror(errno));
         }
     }
+    const char* digest = o.digest.c_str();
 
     Session session;
     if (!session.Usable()) return Failed(io, kName, "crypto context", "not usable");
@@ -242,6 +292,67 @@ int KeyChangeCommand(int argc, char** argv, Streams& io) {
            << "delta: " << ToHex(delta) << '\n'
            << "KeyChange: " << ToHex(random) << ToHex(delta) << '\n';
     return 0;
+}
+
+const char kDigestChoices[] = "MD5, SHA1, SHA224, SHA256, SHA384 or SHA512 (also SHA, SHA-1, SHA-256, ...), in any case";
+
+CLI::Option* AddDigestOption(CLI::App* sub, std::string& digest) {
+    return sub->add_option("--auth", digest, std::string("the authentication digest: ") + kDigestChoices)
+        ->required()
+        ->type_name("DIGEST")
+        ->transform(Choice(kAuthDigests, kDigestChoices));
+}
+
+}  // namespace
+
+void AddUsmCommands(CLI::App& app, Actions& actions) {
+    auto usm = std::make_shared<UsmOptions>();
+    CLI::App* sub = app.add_subcommand("usm-keys", "Derive SNMPv3 user keys (Ku) and localised keys (Kul) from passwords (RFC 3414, RFC 7860).");
+    AddPasswordOption(sub, usm->password, "password", "one password for authentication and privacy");
+    AddPasswordOption(sub, usm->auth, "auth-password", "the authentication password");
+    AddPasswordOption(sub, usm->priv, "priv-password", "the privacy password");
+    sub->add_option("--engine-id", usm->engineId, "the authoritative engine's ID in hex (0x and ':' allowed), 5 to 32 octets")
+        ->required()
+        ->type_name("HEX");
+    AddDigestOption(sub, usm->digest);
+    std::string privChoices;
+    for (const PrivProtocol& protocol : kPrivProtocols) {
+        privChoices += std::string(privChoices.empty() ? "" : ", ") + protocol.name + " (" + protocol.cipher + ")";
+    }
+    privChoices += ", in any case";
+    sub->add_option("--priv", usm->privacy, "also derive the privacy key: " + privChoices)
+        ->type_name("PROTOCOL")
+        ->transform(Choice(PrivNames(), privChoices));
+    sub->footer(R"(Passwords:
+  Without a password option and with a terminal on standard input, the password is asked for
+  without echo. A file gives its first line, line ending removed; with - for more than one
+  option, standard input gives one line each, in the order password, auth, priv. A password
+  given on the command line works, with a warning: ps and the shell history see it.
+
+Checks:
+  An engine ID outside 5 to 32 octets is refused (RFC 3411). A password shorter than 8
+  characters draws a warning (RFC 3414 section 11.2) and is still used.
+
+Output:
+  auth protocol, auth Ku, auth Kul, and with --priv: priv protocol, priv Ku, priv Kul and the
+  privacy key cut from priv Kul (DES: key and pre-IV), all in lower-case hex.
+
+Example (RFC 3414 A.3.2):
+  echo maplesyrup | zulcrypt usm-keys --password-file - --engine-id 000000000000000000000002 --auth SHA1 --priv DES)");
+    actions.emplace_back(sub, [usm](Streams& io) { return UsmKeys(*usm, io); });
+
+    auto change = std::make_shared<KeyChangeOptions>();
+    sub = app.add_subcommand("keychange", "Compute the KeyChange value of RFC 3414 section 5 for a new key.");
+    AddDigestOption(sub, change->digest);
+    sub->add_option("--old", change->oldKey, "the current key in hex")->required()->type_name("HEX");
+    sub->add_option("--new", change->newKey, "the new key in hex, as long as the old")->required()->type_name("HEX");
+    sub->add_option("--random", change->random, "the random value in hex, as long as the keys; drawn when not given")
+        ->type_name("HEX");
+    sub->footer("Prints random, delta and KeyChange (random followed by delta) in lower-case hex.\n\n"
+                "Example (RFC 3414 A.5.2):\n"
+                "  zulcrypt keychange --auth SHA1 --old 6695febc9288e36282235fc7151f128497b38f3f \\\n"
+                "    --new 78e2dcce79d59403b58c1bbaa5bff46391f1cd25 --random 0000000000000000000000000000000000000000");
+    actions.emplace_back(sub, [change](Streams& io) { return KeyChange(*change, io); });
 }
 
 }  // namespace zulcrypt
