@@ -3,6 +3,7 @@
 // FIPS policy, as the scripts of tests/data/context_scripts.vec, status.vec and
 // fips_policy.vec.
 #include <cstring>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -40,6 +41,51 @@ zultest::Outcome Result(int result) {
     outcome.ok = result == 1;
     return outcome;
 }
+
+// A VKL function called with every argument null or zero, but for the VKL context when
+// `vkl` is given: what its header promises for missing arguments. Pointer results read
+// as 1 when not null.
+template <class R, class... A>
+zultest::Outcome CallWithNulls(R (*function)(A...), VKL_t* vkl) {
+    auto argument = [vkl](auto* type) {
+        using T = std::remove_pointer_t<decltype(type)>;
+        if constexpr (std::is_same_v<T, VKL_t*>) return vkl;
+        else return T{};
+    };
+    if constexpr (std::is_void_v<R>) {
+        function(argument(static_cast<A*>(nullptr))...);
+        return zultest::Number(0);
+    } else {
+        const R result = function(argument(static_cast<A*>(nullptr))...);
+        if constexpr (std::is_pointer_v<R>) return zultest::Number(result != nullptr);
+        else return zultest::Number(static_cast<long>(result));
+    }
+}
+
+#define ZUL_NULLS(f) {#f, [](VKL_t* vkl) { return CallWithNulls(f, vkl); }}
+const std::map<std::string, zultest::Outcome (*)(VKL_t*)> kNullCalls = {
+    ZUL_NULLS(VKL_CTX_free), ZUL_NULLS(VKL_GetStatus), ZUL_NULLS(VKL_SelfTest), ZUL_NULLS(VKL_GenerateRandomSeed),
+    ZUL_NULLS(VKL_RAND_seed), ZUL_NULLS(VKL_RAND_bytes), ZUL_NULLS(VKL_ERR_get_error),
+    ZUL_NULLS(VKL_ERR_error_string_n), ZUL_NULLS(VKL_EVP_MD_CTX_new), ZUL_NULLS(VKL_EVP_MD_CTX_init),
+    ZUL_NULLS(VKL_EVP_MD_CTX_cleanup), ZUL_NULLS(VKL_EVP_MD_CTX_free), ZUL_NULLS(VKL_EVP_get_digestbyname),
+    ZUL_NULLS(VKL_EVP_DigestInit), ZUL_NULLS(VKL_EVP_DigestUpdate), ZUL_NULLS(VKL_EVP_DigestFinal),
+    ZUL_NULLS(VKL_EVP_MD_type), ZUL_NULLS(VKL_OBJ_nid2sn), ZUL_NULLS(VKL_EVP_MD_size), ZUL_NULLS(VKL_EVP_MD_block_size),
+    ZUL_NULLS(VKL_EVP_CIPHER_CTX_new), ZUL_NULLS(VKL_EVP_CIPHER_CTX_init), ZUL_NULLS(VKL_EVP_CIPHER_CTX_cleanup),
+    ZUL_NULLS(VKL_EVP_CIPHER_CTX_free), ZUL_NULLS(VKL_EVP_CIPHER_CTX_cipher),
+    ZUL_NULLS(VKL_EVP_CIPHER_CTX_set_key_length), ZUL_NULLS(VKL_EVP_CIPHER_CTX_set_padding),
+    ZUL_NULLS(VKL_EVP_get_cipherbyname), ZUL_NULLS(VKL_EVP_CIPHER_block_size), ZUL_NULLS(VKL_EVP_CIPHER_key_length),
+    ZUL_NULLS(VKL_EVP_CIPHER_iv_length), ZUL_NULLS(VKL_EVP_CIPHER_type), ZUL_NULLS(VKL_EVP_EncryptInit),
+    ZUL_NULLS(VKL_EVP_DecryptInit), ZUL_NULLS(VKL_EVP_EncryptUpdate), ZUL_NULLS(VKL_EVP_DecryptUpdate),
+    ZUL_NULLS(VKL_EVP_EncryptFinal), ZUL_NULLS(VKL_EVP_DecryptFinal), ZUL_NULLS(VKL_HMAC_CTX_new),
+    ZUL_NULLS(VKL_HMAC_CTX_free), ZUL_NULLS(VKL_HMAC_Init), ZUL_NULLS(VKL_HMAC_Update), ZUL_NULLS(VKL_HMAC_Final),
+    ZUL_NULLS(VKL_BN_free), ZUL_NULLS(VKL_BN_clear_free), ZUL_NULLS(VKL_BN_num_bits), ZUL_NULLS(VKL_BN_bn2bin),
+    ZUL_NULLS(VKL_BN_set_negative), ZUL_NULLS(VKL_BN_is_negative), ZUL_NULLS(VKL_RSA_free),
+    ZUL_NULLS(VKL_RSA_generate_key), ZUL_NULLS(VKL_RSA_check_key), ZUL_NULLS(VKL_RSA_public_encrypt),
+    ZUL_NULLS(VKL_RSA_public_decrypt), ZUL_NULLS(VKL_RSA_private_encrypt), ZUL_NULLS(VKL_RSA_private_decrypt),
+    ZUL_NULLS(VKL_EVP_PKEY_free), ZUL_NULLS(VKL_EVP_PKEY_set1_RSA), ZUL_NULLS(VKL_EVP_SignFinal),
+    ZUL_NULLS(VKL_EVP_VerifyFinal), ZUL_NULLS(VKL_DH_free), ZUL_NULLS(VKL_DH_generate_parameters),
+    ZUL_NULLS(VKL_DH_generate_key), ZUL_NULLS(VKL_DH_size), ZUL_NULLS(VKL_DH_compute_key)};
+#undef ZUL_NULLS
 
 const char* OrNull(const zultest::Arg& arg, std::string& keep) {
     keep = arg.Text();
@@ -146,6 +192,8 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              return Text(text.data());
          }},
         {"Reset", [](const Args&) { VKLTest_Reset(); return Ok(true); }},
+        // Nulls VKL_fn [vkl]: the function with null arguments (but the context, when asked).
+        {"Nulls", [](const Args& a) { return kNullCalls.at(a[0].raw)(a.size() > 1 ? Vkl() : nullptr); }},
         {"GetCtx",
          [](const Args&) {
              VKL_t* handed = nullptr;
