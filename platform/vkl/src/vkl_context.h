@@ -19,8 +19,9 @@
 
 namespace vkl {
 
-// A complete RSA key recovered from n and d, named by SHA-256 over both; no key when no
-// usual public exponent fits d. The name is derived from d, so it is wiped with the entry.
+// A complete RSA key recovered from n and d, named by SHA-256 over both; no key when no usual
+// public exponent fits d or its factors are not primes. The name is derived from d, so it is
+// wiped with the entry.
 struct RecoveredKey {
     unsigned char id[32] = {};
     PkeyPtr key;
