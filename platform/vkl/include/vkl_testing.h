@@ -27,8 +27,8 @@ void VKLTest_Reset(void);
  * "VKL_SelfTest/DES-CBC"; a failing one makes the self-test report it. The recovery of a
  * complete RSA key from a record holding n and d (once per key and context, at its first
  * private operation) is addressed and counted as "VKL_RSA/recover", its length being the
- * public exponent found (0 for none); a failing one leaves that operation to the exponentiation
- * with d, and the next one tries again. */
+ * public exponent of the key completed (0 when none is); a failing one leaves that operation to
+ * the exponentiation with d, and the next one tries again. */
 void VKLTest_FailCall(const char* function, unsigned skip, int times, long result);
 
 /* The record that "VKL_GetStatus", "VKL_SelfTest" or "VKL_GenerateRandomSeed" fills from now on.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include <openssl/bn.h>
@@ -35,8 +36,7 @@ struct Factors {
 // floor(sqrt(x)) by Newton's iteration from above.
 bool SquareRoot(BIGNUM* root, const BIGNUM* x, BN_CTX* ctx) {
     BnPtr next(BN_new()), quotient(BN_new());
-    BN_zero(root);
-    if (!next || !quotient || BN_set_bit(root, (BN_num_bits(x) + 1) / 2) != 1) return false;
+    if (!next || !quotient || BN_lshift(root, BN_value_one(), (BN_num_bits(x) + 1) / 2) != 1) return false;
     for (;;) {
         if (BN_div(quotient.get(), nullptr, x, root, ctx) != 1 || BN_add(next.get(), root, quotient.get()) != 1 ||
             BN_rshift1(next.get(), next.get()) != 1) {
@@ -72,16 +72,15 @@ bool Factor(const BIGNUM* n, const BIGNUM* d, unsigned long e, Factors& out, BN_
         failed = BN_mul(t.get(), m.get(), k1.get(), ctx) != 1 ||
                  BN_div(phi.get(), rest.get(), t.get(), h1.get(), ctx) != 1;
         if (failed || !BN_is_zero(rest.get())) continue;
-        // s = n − φ + 1 = p + q; its square less 4n is (p − q)², which must be a square above 0.
+        // s = n − φ + 1 = p + q; its square less 4n is (p − q)², above 0; a root that is not exact
+        // gives p·q ≠ n below.
         failed = BN_sub(s.get(), n, phi.get()) != 1 || BN_add_word(s.get(), 1) != 1 ||
                  BN_sqr(disc.get(), s.get(), ctx) != 1 || BN_lshift(t.get(), n, 2) != 1 ||
                  BN_sub(disc.get(), disc.get(), t.get()) != 1;
         if (failed || BN_is_negative(s.get()) || BN_is_negative(disc.get()) || BN_is_zero(disc.get())) continue;
-        failed = !SquareRoot(root.get(), disc.get(), ctx) || BN_sqr(t.get(), root.get(), ctx) != 1;
-        if (failed || BN_cmp(t.get(), disc.get()) != 0) continue;
-        failed = BN_add(out.p.get(), s.get(), root.get()) != 1 || BN_rshift1(out.p.get(), out.p.get()) != 1 ||
-                 BN_sub(out.q.get(), s.get(), root.get()) != 1 || BN_rshift1(out.q.get(), out.q.get()) != 1 ||
-                 BN_mul(t.get(), out.p.get(), out.q.get(), ctx) != 1;
+        failed = !SquareRoot(root.get(), disc.get(), ctx) || BN_add(out.p.get(), s.get(), root.get()) != 1 ||
+                 BN_rshift1(out.p.get(), out.p.get()) != 1 || BN_sub(out.q.get(), s.get(), root.get()) != 1 ||
+                 BN_rshift1(out.q.get(), out.q.get()) != 1 || BN_mul(t.get(), out.p.get(), out.q.get(), ctx) != 1;
         if (failed || BN_cmp(t.get(), n) != 0 || BN_is_one(out.q.get())) continue;
         // e·d ≡ 1 modulo both p − 1 and q − 1: then d mod (p − 1) and d mod (q − 1) are exact.
         failed = !BN_copy(phi.get(), out.p.get()) || BN_sub_word(phi.get(), 1) != 1 ||
@@ -127,17 +126,15 @@ bool PushSecret(OSSL_PARAM_BLD* bld, const char* key, BIGNUM* number) {
 PkeyPtr Import(VKL_t* vkl, const BIGNUM* n, unsigned long e, const BIGNUM* d, Factors& f) {
     ParamBldPtr bld(OSSL_PARAM_BLD_new());
     BnPtr exponent(BN_new()), secretD(BN_dup(d));
-    if (!bld || !exponent || !secretD || BN_set_word(exponent.get(), e) != 1 ||
-        OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n) != 1 ||
-        OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) != 1 ||
-        !PushSecret(bld.get(), OSSL_PKEY_PARAM_RSA_D, secretD.get()) ||
-        !PushSecret(bld.get(), OSSL_PKEY_PARAM_RSA_FACTOR1, f.p.get()) ||
-        !PushSecret(bld.get(), OSSL_PKEY_PARAM_RSA_FACTOR2, f.q.get()) ||
-        !PushSecret(bld.get(), OSSL_PKEY_PARAM_RSA_EXPONENT1, f.dp.get()) ||
-        !PushSecret(bld.get(), OSSL_PKEY_PARAM_RSA_EXPONENT2, f.dq.get()) ||
-        !PushSecret(bld.get(), OSSL_PKEY_PARAM_RSA_COEFFICIENT1, f.qinv.get())) {
-        return nullptr;
-    }
+    bool ok = bld && exponent && secretD && BN_set_word(exponent.get(), e) == 1 &&
+              OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n) == 1 &&
+              OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) == 1;
+    const std::pair<const char*, BIGNUM*> secrets[] = {
+        {OSSL_PKEY_PARAM_RSA_D, secretD.get()},      {OSSL_PKEY_PARAM_RSA_FACTOR1, f.p.get()},
+        {OSSL_PKEY_PARAM_RSA_FACTOR2, f.q.get()},    {OSSL_PKEY_PARAM_RSA_EXPONENT1, f.dp.get()},
+        {OSSL_PKEY_PARAM_RSA_EXPONENT2, f.dq.get()}, {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, f.qinv.get()}};
+    for (const auto& secret : secrets) ok = ok && PushSecret(bld.get(), secret.first, secret.second);
+    if (!ok) return nullptr;
     ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
     PkeyCtxPtr ctx(params ? EVP_PKEY_CTX_new_from_name(vkl->libctx.get(), "RSA", nullptr) : nullptr);
     EVP_PKEY* made = nullptr;
@@ -222,11 +219,14 @@ PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa) {
     for (size_t i = 0; !failed && e == 0 && i < std::size(kUsualExponents); ++i) {
         if (Factor(n, d, kUsualExponents[i], factors, ctx.get(), failed)) e = kUsualExponents[i];
     }
-    static Probe& probe = Probe::Named("VKL_RSA/recover");
-    failed = probe.Enter(static_cast<long>(e)) || failed;
     if (!failed && e != 0 && ProbablyPrimes(factors, ctx.get(), failed)) {
         key = Import(vkl, n, e, d, factors);
         failed = !key;
+    }
+    static Probe& probe = Probe::Named("VKL_RSA/recover");
+    if (probe.Enter(key ? static_cast<long>(e) : 0L)) {
+        failed = true;
+        key.reset();
     }
     // A key that no usual e fits, or whose factors are not primes, is remembered as such; a
     // failure is not, so the next call tries again.
