@@ -35,7 +35,8 @@ protected:
     CZulCryptContext context;
 };
 
-// Every kind of object, the signature with one key from all threads, and the
+// Every kind of object, the signature with one key given as n and d from all threads (VKL
+// completes it once, racing threads may each try, and all sign with the key it keeps), and the
 // procedural interface over one shared context handle.
 TEST_F(ThreadsTest, EveryCapabilityAgreesWithItsVectors) {
     ASSERT_TRUE(context.GetStatus());

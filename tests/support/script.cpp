@@ -210,6 +210,9 @@ void RunScripts(const std::string& file, const Driver& driver) {
                     const Args c = Split(expanded);
                     EXPECT_EQ(VKLTest_CallCount(c[0].raw.c_str()), static_cast<unsigned long>(c[1].Number()))
                         << c[0].raw;
+                } else if (key == "Length") {
+                    const Args c = Split(expanded);
+                    EXPECT_EQ(VKLTest_LastLength(c[0].raw.c_str()), c[1].Number()) << c[0].raw;
                 } else if (key == "Queue") {
                     std::vector<std::string> texts;
                     for (const Arg& entry : Split(expanded)) {

@@ -9,7 +9,8 @@
 //                                none may be reported when no Report line follows
 //   Trace3 = "text"              traces of that level since the call, when given
 //   Fail = VKL_fn skip result    arms a VKL fault (once) before the next call
-//   Count = VKL_fn N             calls of a VKL function since the case began
+//   Count = VKL_fn N             calls of a VKL function since the case began;
+//                                Length = VKL_fn N, the length argument of its latest call
 //   Wex = N / Host = N           from here on, what WEXCryptGetContext returns and the host's
 //                                FIPS mode; Force = VKL_fn major minor "text" forces a record
 //   Queue = "text" "text"        the entries left on VKL's error queue (- for none), taken

@@ -13,8 +13,9 @@
 extern "C" {
 #endif
 
-/* Disarms every fault, clears counts and the call log, makes every status record clean again
- * and empties the calling thread's error queue. */
+/* Disarms every fault, clears counts and the call log, makes every status record clean again,
+ * makes every context forget the RSA keys it recovered from n and d, and empties the calling
+ * thread's error queue. */
 void VKLTest_Reset(void);
 
 /* The VKL function named `function` runs normally `skip` more times; then for `times` calls
@@ -23,7 +24,11 @@ void VKLTest_Reset(void);
  * (null for functions that return a pointer).
  * The known-answer tests of VKL_SelfTest are addressed as "VKL_SelfTest/SHA-1",
  * "VKL_SelfTest/SHA-256", "VKL_SelfTest/HMAC-SHA-1", "VKL_SelfTest/AES-128-CBC" and
- * "VKL_SelfTest/DES-CBC"; a failing one makes the self-test report it. */
+ * "VKL_SelfTest/DES-CBC"; a failing one makes the self-test report it. The recovery of a
+ * complete RSA key from a record holding n and d (once per key and context, at its first
+ * private operation) is addressed and counted as "VKL_RSA/recover", its length being the
+ * public exponent of the key completed (0 when none is); a failing one leaves that operation to
+ * the exponentiation with d, and the next one tries again. */
 void VKLTest_FailCall(const char* function, unsigned skip, int times, long result);
 
 /* The record that "VKL_GetStatus", "VKL_SelfTest" or "VKL_GenerateRandomSeed" fills from now on.

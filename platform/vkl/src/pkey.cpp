@@ -88,14 +88,16 @@ bool HaveKey(VKL_t* vkl, const VKL_EVP_PKEY_s* pkey, const char* function) {
     return true;
 }
 
-// The signing of OpenSSL's RSA when the key imports; by hand, to the same bytes, when it holds no e.
+// The signing of OpenSSL's RSA when the key imports or can be completed; by hand, to the same
+// bytes, when it holds no e and none of the usual ones fits.
 bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsigned char* hash,
           unsigned int hashLength, unsigned char* signature, unsigned int* length, const char* function) {
     if (!HasPrivateKey(rsa, function) || !ModulusSizeUsable(rsa, function)) return false;
     const DigestInfoPrefix* prefix = SignableDigest(md, function);
     if (prefix == nullptr) return false;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
-    if (rsa->e == nullptr) {
+    PkeyPtr key = rsa->e == nullptr ? CompleteKey(vkl, rsa) : nullptr;
+    if (!key && rsa->e == nullptr) {
         std::vector<unsigned char> t;
         DigestInfo(*prefix, hash, t);
         if (t.size() + 11 > k) {
@@ -112,7 +114,7 @@ bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsign
         if (ok) *length = static_cast<unsigned int>(k);
         return ok;
     }
-    PkeyPtr key = ToOpenSslKey(vkl, rsa, true, function);
+    if (!key) key = ToOpenSslKey(vkl, rsa, true, function);
     if (!key) return false;
     ErrorScope errors;
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), key.get(), nullptr));

@@ -44,6 +44,7 @@ Registry& TheRegistry() {
 
 std::array<std::atomic<const char*>, kLogSize> g_log{};
 std::atomic<unsigned long> g_logNext{0};
+std::atomic<unsigned long> g_resets{0};
 
 Probe& Probe::Named(const char* function) {
     Registry& registry = TheRegistry();
@@ -133,6 +134,7 @@ void VKLTest_Reset(void) {
     }
     for (auto& slot : vkl::g_log) slot.store(nullptr, std::memory_order_relaxed);
     vkl::g_logNext.store(0, std::memory_order_relaxed);
+    vkl::g_resets.fetch_add(1, std::memory_order_relaxed);
     ERR_clear_error();
 }
 

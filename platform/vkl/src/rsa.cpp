@@ -1,4 +1,6 @@
 // RSA records, key generation and raw RSA with PKCS #1 v1.5 padding.
+// A private key given as n and d only is completed once per context (e among 65537, 3, 5, 17, 257, p and
+// q from e·d − 1) and kept, for OpenSSL's CRT with blinding; a d that fits none gives m^d mod n, constant-time.
 #include <climits>
 #include <cstring>
 #include <new>
@@ -123,7 +125,8 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     const size_t inLength = static_cast<size_t>(length);
 
-    if (isPrivate && rsa->e == nullptr) {
+    PkeyPtr pkey = isPrivate && rsa->e == nullptr ? CompleteKey(vkl, rsa) : nullptr;
+    if (isPrivate && !pkey && rsa->e == nullptr) {
         std::vector<unsigned char> em(k);
         int result = -1;
         if (operation == Operation::kPrivateEncrypt) {
@@ -159,7 +162,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
         return result;
     }
 
-    PkeyPtr pkey = ToOpenSslKey(vkl, rsa, isPrivate, function);
+    if (!pkey) pkey = ToOpenSslKey(vkl, rsa, isPrivate, function);
     if (!pkey) return -1;
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), pkey.get(), nullptr));
     if (!ctx) {
@@ -206,7 +209,18 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
 
 }  // namespace
 
-ErrorScope::ErrorScope() : m_marked(ERR_set_mark() == 1) {}
+namespace {
+
+// Entries OpenSSL cleared in constant time (a padding check that passed) stay in the queue,
+// unseen; purged first, they cannot make the cause of a failure that follows read as older.
+bool MarkQueue() {
+    if (ERR_peek_error() == 0) ERR_clear_error();
+    return ERR_set_mark() == 1;
+}
+
+}  // namespace
+
+ErrorScope::ErrorScope() : m_marked(MarkQueue()) {}
 
 ErrorScope::~ErrorScope() {
     if (m_open && m_marked) (void)ERR_clear_last_mark();

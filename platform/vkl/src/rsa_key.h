@@ -47,6 +47,12 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function);
 bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 
+// For a record holding n and d but no e: the complete key (e, the primes, the CRT values),
+// recovered once per key and context and then kept, among the 8 keys used last. Null when no
+// usual public exponent fits d, the factors found are not primes, or the recovery failed; the
+// error queue is left as it was.
+PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa);
+
 // Modulus length in bytes.
 int ModulusBytes(const VKL_RSA_t* rsa);
 

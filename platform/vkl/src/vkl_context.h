@@ -2,6 +2,7 @@
 #ifndef VKL_CONTEXT_H
 #define VKL_CONTEXT_H
 
+#include <list>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -12,7 +13,25 @@
 
 #include <vkl.h>
 
+#include <openssl/crypto.h>
+
 #include "handles.h"
+
+namespace vkl {
+
+// A complete RSA key recovered from n and d, named by SHA-256 over both; no key when no usual
+// public exponent fits d or its factors are not primes. The name is derived from d, so it is
+// wiped with the entry.
+struct RecoveredKey {
+    unsigned char id[32] = {};
+    PkeyPtr key;
+    RecoveredKey() = default;
+    RecoveredKey(const RecoveredKey&) = delete;
+    RecoveredKey& operator=(const RecoveredKey&) = delete;
+    ~RecoveredKey() { OPENSSL_cleanse(id, sizeof id); }
+};
+
+}  // namespace vkl
 
 // A digest as VKL hands it out: fetched once per context, with the queries
 // callers repeat on every message answered from fields.
@@ -53,6 +72,12 @@ struct VKL_s {
     std::mutex publicKeyLock;
     std::vector<std::pair<std::string, vkl::PkeyPtr>> publicKeys;
     size_t nextPublicKey = 0;
+
+    // Complete keys recovered from records holding n and d, most recently used first
+    // (see rsa_key.h); `keysReset` is the test reset they were made after.
+    std::mutex privateKeyLock;
+    std::list<vkl::RecoveredKey> privateKeys;
+    unsigned long keysReset = 0;
 };
 
 namespace vkl {
