@@ -51,10 +51,10 @@ private:
 
 // Bits of a fresh private value: twice the security strength that NIST SP 800-57
 // gives the prime's size, as SP 800-56A asks of safe-prime groups. A full-size
-// exponent would cost several times as much for no strength the group has.
+// exponent would cost several times as much for no strength the group has. OpenSSL
+// takes no prime above 10,000 bits, so the 256-bit strength of 15,360 never applies.
 int PrivateValueBits(int primeBits) {
-    const int strength = primeBits >= 15360 ? 256
-                         : primeBits >= 7680 ? 192
+    const int strength = primeBits >= 7680 ? 192
                          : primeBits >= 3072 ? 128
                          : primeBits >= 2048 ? 112
                                              : 80;
