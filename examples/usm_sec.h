@@ -24,7 +24,7 @@ typedef struct UsmAuthProtocol {
 typedef struct UsmPrivProtocol {
     const char* name;   /* as snmpd's createUser and snmpget -x name it */
     const char* cipher; /* the library's cipher name */
-    unsigned keyLength; /* cipher key bytes taken from the localised key */
+    unsigned keyLength; /* cipher key bytes, from the localised key (lengthened if short) */
     int des;            /* DES-CBC: pre-IV from the localised key, padded input */
     /* ZULVKL_KEY_EXTENSION_BLUMENTHAL or _REEDER: how the localised key is made as long as the cipher's
      * key (a longer one is only cut); 0 for DES and AES-128, which any digest's key covers. */
