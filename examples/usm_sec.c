@@ -12,15 +12,16 @@ static const UsmAuthProtocol kAuth[] = {
     {"SHA-256", "SHA256", 24},  {"SHA-384", "SHA384", 32},  {"SHA-512", "SHA512", 48},
 };
 
-/* AES-192 and AES-256 take their key from a localised key that may be too short for them (SHA-1's 20
- * bytes); the rows say how it would be lengthened, and such pairs are refused until it can be. */
+/* AES-192 and AES-256 need more key than a localised MD5, SHA-1 or SHA-224 key holds. The plain names
+ * lengthen it as draft-blumenthal-aes-usm-04 does, the -C names as draft-reeder-snmpv3-usm-3desede-00
+ * does; the two give different keys, so the name must match the peer's. */
 static const UsmPrivProtocol kPriv[] = {
-    {"DES", "DES-CBC", 8, 1, NULL},
-    {"AES", "AES-128-CFB", 16, 0, NULL},
-    {"AES-192", "AES-192-CFB", 24, 0, "Blumenthal"},
-    {"AES-256", "AES-256-CFB", 32, 0, "Blumenthal"},
-    {"AES-192-C", "AES-192-CFB", 24, 0, "Reeder"},
-    {"AES-256-C", "AES-256-CFB", 32, 0, "Reeder"},
+    {"DES", "DES-CBC", 8, 1, 0},
+    {"AES", "AES-128-CFB", 16, 0, 0},
+    {"AES-192", "AES-192-CFB", 24, 0, ZULVKL_KEY_EXTENSION_BLUMENTHAL},
+    {"AES-256", "AES-256-CFB", 32, 0, ZULVKL_KEY_EXTENSION_BLUMENTHAL},
+    {"AES-192-C", "AES-192-CFB", 24, 0, ZULVKL_KEY_EXTENSION_REEDER},
+    {"AES-256-C", "AES-256-CFB", 32, 0, ZULVKL_KEY_EXTENSION_REEDER},
 };
 
 const UsmAuthProtocol* UsmFindAuth(const char* name) {
@@ -32,7 +33,13 @@ const UsmAuthProtocol* UsmFindAuth(const char* name) {
 }
 
 const UsmPrivProtocol* UsmFindPriv(const char* name) {
-    if (strcmp(name, "AES-128") == 0 || strcmp(name, "AES128") == 0) name = "AES";
+    /* The other spellings snmpd's createUser and snmpget -x take. */
+    static const char* const kAliases[][2] = {{"AES-128", "AES"},       {"AES128", "AES"},
+                                              {"AES192", "AES-192"},    {"AES256", "AES-256"},
+                                              {"AES192C", "AES-192-C"}, {"AES256C", "AES-256-C"}};
+    for (size_t i = 0; i < sizeof kAliases / sizeof kAliases[0]; ++i) {
+        if (strcmp(name, kAliases[i][0]) == 0) name = kAliases[i][1];
+    }
     for (size_t i = 0; i < sizeof kPriv / sizeof kPriv[0]; ++i) {
         if (strcmp(kPriv[i].name, name) == 0) return &kPriv[i];
     }
@@ -155,11 +162,11 @@ int UsmUserFromFiles(UsmCrypto* crypto, UsmUser* user, const char* authFile, con
         return 0;
     }
     user->keyLength = (size_t)length;
-    /* DES takes its pre-IV from the bytes after its key. */
+    /* DES takes its pre-IV from the bytes after its key; the AES rows lengthen a short key. */
     size_t needed = user->priv->des ? 16 : user->priv->keyLength;
-    if (needed > user->keyLength) {
-        fprintf(stderr, "%s with %s needs the %s key extension, which this build does not have\n",
-                user->priv->name, user->auth->name, user->priv->extension ? user->priv->extension : "");
+    if (needed > user->keyLength && user->priv->extension == 0) {
+        fprintf(stderr, "%s with %s needs a longer key than %s gives\n", user->priv->name, user->auth->name,
+                user->auth->name);
         return 0;
     }
     return PasswordToKey(crypto, user, authFile, user->authKu) && PasswordToKey(crypto, user, privFile, user->privKu);
@@ -174,7 +181,24 @@ int UsmLocalise(UsmCrypto* crypto, UsmUser* user, const unsigned char* engineId,
     const char* digest = user->auth->digest;
     if (ZulVklMdLocaliseKey(crypto->ctx, crypto->md, digest, &engine, &authKu, &authKey, crypto->status) != 1 ||
         ZulVklMdLocaliseKey(crypto->ctx, crypto->md, digest, &engine, &privKu, &privKey, crypto->status) != 1) {
+        UsmWipe(user->authKey, sizeof user->authKey);
+        UsmWipe(user->privKey, sizeof user->privKey);
         return Fail(crypto, "key localisation");
+    }
+    if (user->priv->extension == 0) return 1;
+    /* Made apart from the localised key it is read from, then put in its place; what the localised key
+     * held beyond the cipher's key is not needed again. */
+    unsigned char extended[USM_MAX_KEY];
+    ZulVklConstBuffer localised = {user->privKey, (uint32_t)user->keyLength};
+    ZulVklBuffer out = {extended, user->priv->keyLength};
+    int ok = ZulVklMdExtendKey(crypto->ctx, crypto->md, digest, user->priv->extension, &engine, &localised, &out,
+                               crypto->status) == 1;
+    UsmWipe(user->privKey, sizeof user->privKey);
+    if (ok) memcpy(user->privKey, extended, user->priv->keyLength);
+    UsmWipe(extended, sizeof extended);
+    if (!ok) {
+        UsmWipe(user->authKey, sizeof user->authKey);
+        return Fail(crypto, "privacy key extension");
     }
     return 1;
 }

@@ -24,11 +24,11 @@ typedef struct UsmAuthProtocol {
 typedef struct UsmPrivProtocol {
     const char* name;   /* as snmpd's createUser and snmpget -x name it */
     const char* cipher; /* the library's cipher name */
-    unsigned keyLength; /* cipher key bytes taken from the localised key */
+    unsigned keyLength; /* cipher key bytes, from the localised key (lengthened if short) */
     int des;            /* DES-CBC: pre-IV from the localised key, padded input */
-    /* How a localised key shorter than the cipher needs is lengthened: "Blumenthal", "Reeder",
-     * or null when it never is. */
-    const char* extension;
+    /* ZULVKL_KEY_EXTENSION_BLUMENTHAL or _REEDER: how the localised key is made as long as the cipher's
+     * key (a longer one is only cut); 0 for DES and AES-128, which any digest's key covers. */
+    int extension;
 } UsmPrivProtocol;
 
 /* The table row for a name, or null. */
@@ -58,12 +58,13 @@ typedef struct UsmUser {
     unsigned char authKu[USM_MAX_KEY]; /* from the passwords, before localisation */
     unsigned char privKu[USM_MAX_KEY];
     unsigned char authKey[USM_MAX_KEY]; /* localised to the authoritative engine */
-    unsigned char privKey[USM_MAX_KEY];
+    unsigned char privKey[USM_MAX_KEY]; /* the cipher's key (and DES's pre-IV), zeros after it */
 } UsmUser;
 
 /* Reads both password files and derives the user's Ku: 1, or 0 with a message on stderr. */
 int UsmUserFromFiles(UsmCrypto* crypto, UsmUser* user, const char* authFile, const char* privFile);
-/* Localises both keys to an engine: 1, or 0 with a message on stderr. */
+/* Localises both keys to an engine and makes the privacy key as long as its cipher's key: 1, or 0 with a
+ * message on stderr (the user's localised keys then hold nothing usable). */
 int UsmLocalise(UsmCrypto* crypto, UsmUser* user, const unsigned char* engineId, size_t engineIdLength);
 /* Wipes every key of the user. */
 void UsmUserWipe(UsmUser* user);
