@@ -60,7 +60,8 @@ const PrivProtocol kPrivProtocols[] = {
     {"3DES", "DES-EDE3-CBC", 24, 8, KeyExtension::Reeder},
 };
 // Other names operators use for them.
-const std::map<std::string, std::string> kPrivAliases = {{"DES-CBC", "DES"}, {"AES", "AES-128"}, {"AES-128-CFB", "AES-128"}};
+const std::map<std::string, std::string> kPrivAliases = {
+    {"DES-CBC", "DES"}, {"AES", "AES-128"}, {"AES-128-CFB", "AES-128"}};
 
 const PrivProtocol* FindPriv(const std::string& name) {
     for (const PrivProtocol& protocol : kPrivProtocols) {
@@ -176,7 +177,8 @@ struct UsmOptions {
 };
 
 void AddPasswordOption(CLI::App* sub, PasswordOption& option, const std::string& name, const std::string& what) {
-    option.textOption = sub->add_option("--" + name, option.text, what + " on the command line (seen by ps; prefer the file)");
+    option.textOption =
+        sub->add_option("--" + name, option.text, what + " on the command line (seen by ps; prefer the file)");
     option.fileOption =
         sub->add_option("--" + name + "-file", option.file, what + ": the first line of FILE (- standard input)")
             ->type_name("FILE");
@@ -204,13 +206,15 @@ int UsmKeys(UsmOptions& o, Streams& io) {
     if (!authGiven) {
         const char* prompt = privGiven ? "authentication password: " : "password (authentication and privacy): ";
         if (!PromptPassword(prompt, io, authPassword)) {
-            return Usage(io, kName, "a password is required: --password-file FILE, --auth-password-file FILE or a terminal");
+            return Usage(io, kName,
+                         "a password is required: --password-file FILE, --auth-password-file FILE or a terminal");
         }
         if (!privGiven) privPassword = authPassword;
         privGiven = true;
     }
     if (!privGiven && !PromptPassword("privacy password: ", io, privPassword)) {
-        return Usage(io, kName, "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE or a terminal");
+        return Usage(io, kName,
+                     "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE or a terminal");
     }
     if (authPassword.empty() || (priv != nullptr && privPassword.empty())) return Usage(io, kName, "empty password");
     if (onCommandLine) {
@@ -322,7 +326,8 @@ int KeyChange(KeyChangeOptions& o, Streams& io) {
     return 0;
 }
 
-const char kDigestChoices[] = "MD5, SHA1, SHA224, SHA256, SHA384 or SHA512 (also SHA, SHA-1, SHA-256, ...), in any case";
+const char kDigestChoices[] =
+    "MD5, SHA1, SHA224, SHA256, SHA384 or SHA512 (also SHA, SHA-1, SHA-256, ...), in any case";
 
 CLI::Option* AddDigestOption(CLI::App* sub, std::string& digest) {
     return sub->add_option("--auth", digest, std::string("the authentication digest: ") + kDigestChoices)
@@ -357,11 +362,13 @@ std::string PrivFooter() {
 
 void AddUsmCommands(CLI::App& app, Actions& actions) {
     auto usm = std::make_shared<UsmOptions>();
-    CLI::App* sub = app.add_subcommand("usm-keys", "Derive SNMPv3 user keys (Ku) and localised keys (Kul) from passwords (RFC 3414, RFC 7860).");
+    CLI::App* sub = app.add_subcommand(
+        "usm-keys", "Derive SNMPv3 user keys (Ku) and localised keys (Kul) from passwords (RFC 3414, RFC 7860).");
     AddPasswordOption(sub, usm->password, "password", "one password for authentication and privacy");
     AddPasswordOption(sub, usm->auth, "auth-password", "the authentication password");
     AddPasswordOption(sub, usm->priv, "priv-password", "the privacy password");
-    sub->add_option("--engine-id", usm->engineId, "the authoritative engine's ID in hex (0x and ':' allowed), 5 to 32 octets")
+    sub->add_option("--engine-id", usm->engineId,
+                    "the authoritative engine's ID in hex (0x and ':' allowed), 5 to 32 octets")
         ->required()
         ->type_name("HEX");
     AddDigestOption(sub, usm->digest);
