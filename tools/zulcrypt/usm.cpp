@@ -1,6 +1,8 @@
 // zulcrypt usm-keys and keychange: the SNMPv3 user keys of RFC 3414 (and the
 // SHA-2 digests of RFC 7860), computed through the C-callable interface only.
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -29,13 +31,18 @@ const std::map<std::string, std::string> kAuthDigests = {
     {"SHA384", "SHA384"}, {"SHA-384", "SHA384"}, {"SHA512", "SHA512"}, {"SHA-512", "SHA512"},
 };
 
-// How a privacy key longer than the localised key is grown from it. Only
-// None so far: AES-192/256 (Blumenthal), their -C variants and 3DES (Reeder)
-// become rows once the library can extend a key.
-enum class KeyExtension { None };
+// How a privacy key longer than the localised key is grown from it. The two
+// published methods give different keys from one password, so each protocol
+// name is bound to the one its agents use.
+enum class KeyExtension {
+    None = 0,
+    Blumenthal = ZULVKL_KEY_EXTENSION_BLUMENTHAL,
+    Reeder = ZULVKL_KEY_EXTENSION_REEDER,
+};
 
-// The SNMP privacy protocols: the key (and DES's pre-IV) are the first bytes of
-// the localised key, RFC 3414 8.1.1.1 and RFC 3826 3.1.2.1.
+// The SNMP privacy protocols: the key (and the pre-IV of the CBC ones) are the
+// first bytes of the localised key, RFC 3414 8.1.1.1 and RFC 3826 3.1.2.1, or of
+// that key extended when it is too short.
 struct PrivProtocol {
     const char* name;
     const char* cipher;  // the VKL cipher the protocol encrypts with
@@ -46,9 +53,15 @@ struct PrivProtocol {
 const PrivProtocol kPrivProtocols[] = {
     {"DES", "DES-CBC", 8, 8, KeyExtension::None},
     {"AES-128", "AES-128-CFB", 16, 0, KeyExtension::None},
+    {"AES-192", "AES-192-CFB", 24, 0, KeyExtension::Blumenthal},
+    {"AES-256", "AES-256-CFB", 32, 0, KeyExtension::Blumenthal},
+    {"AES-192-C", "AES-192-CFB", 24, 0, KeyExtension::Reeder},
+    {"AES-256-C", "AES-256-CFB", 32, 0, KeyExtension::Reeder},
+    {"3DES", "DES-EDE3-CBC", 24, 8, KeyExtension::Reeder},
 };
 // Other names operators use for them.
-const std::map<std::string, std::string> kPrivAliases = {{"DES-CBC", "DES"}, {"AES", "AES-128"}, {"AES-128-CFB", "AES-128"}};
+const std::map<std::string, std::string> kPrivAliases = {
+    {"DES-CBC", "DES"}, {"AES", "AES-128"}, {"AES-128-CFB", "AES-128"}};
 
 const PrivProtocol* FindPriv(const std::string& name) {
     for (const PrivProtocol& protocol : kPrivProtocols) {
@@ -97,6 +110,14 @@ public:
         ZulVklConstBuffer k = In(key), e = In(engineId);
         ZulVklBuffer out{localised.data(), static_cast<uint32_t>(localised.size())};
         return ZulVklMdLocaliseKey(m_ctx, m_md, digest, &e, &k, &out, m_status) == 1;
+    }
+
+    bool Extend(const char* digest, KeyExtension method, const Bytes& engineId, const Bytes& localised, size_t length,
+                Bytes& extended) {
+        extended.assign(length, 0);
+        ZulVklConstBuffer e = In(engineId), k = In(localised);
+        ZulVklBuffer out{extended.data(), static_cast<uint32_t>(extended.size())};
+        return ZulVklMdExtendKey(m_ctx, m_md, digest, static_cast<int>(method), &e, &k, &out, m_status) == 1;
     }
 
     bool Digest(const char* digest, const Bytes& first, const Bytes& second, Bytes& result) {
@@ -156,7 +177,8 @@ struct UsmOptions {
 };
 
 void AddPasswordOption(CLI::App* sub, PasswordOption& option, const std::string& name, const std::string& what) {
-    option.textOption = sub->add_option("--" + name, option.text, what + " on the command line (seen by ps; prefer the file)");
+    option.textOption =
+        sub->add_option("--" + name, option.text, what + " on the command line (seen by ps; prefer the file)");
     option.fileOption =
         sub->add_option("--" + name + "-file", option.file, what + ": the first line of FILE (- standard input)")
             ->type_name("FILE");
@@ -184,13 +206,15 @@ int UsmKeys(UsmOptions& o, Streams& io) {
     if (!authGiven) {
         const char* prompt = privGiven ? "authentication password: " : "password (authentication and privacy): ";
         if (!PromptPassword(prompt, io, authPassword)) {
-            return Usage(io, kName, "a password is required: --password-file FILE, --auth-password-file FILE or a terminal");
+            return Usage(io, kName,
+                         "a password is required: --password-file FILE, --auth-password-file FILE or a terminal");
         }
         if (!privGiven) privPassword = authPassword;
         privGiven = true;
     }
     if (!privGiven && !PromptPassword("privacy password: ", io, privPassword)) {
-        return Usage(io, kName, "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE or a terminal");
+        return Usage(io, kName,
+                     "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE or a terminal");
     }
     if (authPassword.empty() || (priv != nullptr && privPassword.empty())) return Usage(io, kName, "empty password");
     if (onCommandLine) {
@@ -236,15 +260,23 @@ int UsmKeys(UsmOptions& o, Streams& io) {
     if (!session.Localise(digest, privKu, engineId, privKul)) {
         return Failed(io, kName, "key localisation", session.Error());
     }
-    if (privKul.size() < priv->keyLength + priv->preIvLength) {
-        return Failed(io, kName, "privacy key", "the localised key is too short for the protocol");
+    const size_t privLength = priv->keyLength + priv->preIvLength;
+    Bytes privKey;
+    if (priv->extension == KeyExtension::None) {
+        if (privKul.size() < privLength) {
+            return Failed(io, kName, "privacy key", "the localised key is too short for the protocol");
+        }
+        privKey.assign(privKul.begin(), privKul.begin() + static_cast<std::ptrdiff_t>(privLength));
+    } else if (!session.Extend(digest, priv->extension, engineId, privKul, privLength, privKey)) {
+        return Failed(io, kName, "key extension", session.Error());
     }
     io.out << "priv protocol: " << priv->name << '\n'
            << "priv Ku: " << ToHex(privKu) << '\n'
            << "priv Kul: " << ToHex(privKul) << '\n'
-           << priv->name << " key: " << ToHex<SecretText>(privKul.data(), priv->keyLength) << '\n';
+           << priv->name << " key: " << ToHex<SecretText>(privKey.data(), priv->keyLength) << '\n';
     if (priv->preIvLength > 0) {
-        io.out << priv->name << " pre-IV: " << ToHex<SecretText>(privKul.data() + priv->keyLength, priv->preIvLength) << '\n';
+        io.out << priv->name << " pre-IV: " << ToHex<SecretText>(privKey.data() + priv->keyLength, priv->preIvLength)
+               << '\n';
     }
     return 0;
 }
@@ -294,7 +326,8 @@ int KeyChange(KeyChangeOptions& o, Streams& io) {
     return 0;
 }
 
-const char kDigestChoices[] = "MD5, SHA1, SHA224, SHA256, SHA384 or SHA512 (also SHA, SHA-1, SHA-256, ...), in any case";
+const char kDigestChoices[] =
+    "MD5, SHA1, SHA224, SHA256, SHA384 or SHA512 (also SHA, SHA-1, SHA-256, ...), in any case";
 
 CLI::Option* AddDigestOption(CLI::App* sub, std::string& digest) {
     return sub->add_option("--auth", digest, std::string("the authentication digest: ") + kDigestChoices)
@@ -303,23 +336,45 @@ CLI::Option* AddDigestOption(CLI::App* sub, std::string& digest) {
         ->transform(Choice(kAuthDigests, kDigestChoices));
 }
 
+// The privacy protocols as the help lists them, one line each from the table.
+std::string PrivFooter() {
+    const auto column = [](std::string text, size_t width) {
+        text.resize(std::max(text.size() + 1, width), ' ');
+        return text;
+    };
+    std::string text = "Privacy protocols (--priv):\n";
+    for (const PrivProtocol& protocol : kPrivProtocols) {
+        const char* how = protocol.extension == KeyExtension::None         ? "cut from priv Kul"
+                          : protocol.extension == KeyExtension::Blumenthal ? "priv Kul extended by Blumenthal's method"
+                                                                           : "priv Kul extended by Reeder's method";
+        text += "  " + column(protocol.name, 11) + column(protocol.cipher, 14) +
+                (protocol.preIvLength > 0 ? "key and pre-IV: " : "key: ") + how + "\n";
+    }
+    return text + R"(  Blumenthal's method (draft-blumenthal-aes-usm-04) is the AES-192/256 of most agents;
+  Reeder's (draft-reeder-snmpv3-usm-3desede-00) is that of 3DES and of the -C variants some
+  vendors offer. The two give different keys from one password and are not interchangeable:
+  pick the name that matches the agent. A localised key already long enough (SHA-256 and up
+  for AES-256) is only cut.
+)";
+}
+
 }  // namespace
 
 void AddUsmCommands(CLI::App& app, Actions& actions) {
     auto usm = std::make_shared<UsmOptions>();
-    CLI::App* sub = app.add_subcommand("usm-keys", "Derive SNMPv3 user keys (Ku) and localised keys (Kul) from passwords (RFC 3414, RFC 7860).");
+    CLI::App* sub = app.add_subcommand(
+        "usm-keys", "Derive SNMPv3 user keys (Ku) and localised keys (Kul) from passwords (RFC 3414, RFC 7860).");
     AddPasswordOption(sub, usm->password, "password", "one password for authentication and privacy");
     AddPasswordOption(sub, usm->auth, "auth-password", "the authentication password");
     AddPasswordOption(sub, usm->priv, "priv-password", "the privacy password");
-    sub->add_option("--engine-id", usm->engineId, "the authoritative engine's ID in hex (0x and ':' allowed), 5 to 32 octets")
+    sub->add_option("--engine-id", usm->engineId,
+                    "the authoritative engine's ID in hex (0x and ':' allowed), 5 to 32 octets")
         ->required()
         ->type_name("HEX");
     AddDigestOption(sub, usm->digest);
     std::string privChoices;
-    for (const PrivProtocol& protocol : kPrivProtocols) {
-        privChoices += std::string(privChoices.empty() ? "" : ", ") + protocol.name + " (" + protocol.cipher + ")";
-    }
-    privChoices += ", in any case";
+    for (const PrivProtocol& protocol : kPrivProtocols) privChoices += std::string(protocol.name) + ", ";
+    privChoices += "in any case";
     sub->add_option("--priv", usm->privacy, "also derive the privacy key: " + privChoices)
         ->type_name("PROTOCOL")
         ->transform(Choice(PrivNames(), privChoices));
@@ -333,9 +388,10 @@ Checks:
   An engine ID outside 5 to 32 octets is refused (RFC 3411). A password shorter than 8
   characters draws a warning (RFC 3414 section 11.2) and is still used.
 
+)" + PrivFooter() + R"(
 Output:
   auth protocol, auth Ku, auth Kul, and with --priv: priv protocol, priv Ku, priv Kul and the
-  privacy key cut from priv Kul (DES: key and pre-IV), all in lower-case hex.
+  privacy key made from priv Kul (DES and 3DES: key and pre-IV), all in lower-case hex.
 
 Example (RFC 3414 A.3.2):
   echo maplesyrup | zulcrypt usm-keys --password-file - --engine-id 000000000000000000000002 --auth SHA1 --priv DES)");
