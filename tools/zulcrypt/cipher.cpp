@@ -131,7 +131,9 @@ int Run(CipherOptions& options, Streams& io, bool encrypt) {
                      options.cipher + " needs an authentication tag, which enc does not write and dec cannot check;"
                                       " use a mode such as CBC or CTR");
     }
-    if (!keyHex || !FromHex(options.iv, iv)) return Usage(io, command, "key and IV must be hex (the IV may be empty: \"\")");
+    if (!keyHex || !FromHex(options.iv, iv)) {
+        return Usage(io, command, "key and IV must be hex (the IV may be empty: \"\")");
+    }
     if (key.empty()) return Usage(io, command, "the key is empty");
     const bool toFile = options.out != "-";
     if (options.in != "-" && toFile && SameFile(options.in, options.out)) {
@@ -195,7 +197,8 @@ int Run(CipherOptions& options, Streams& io, bool encrypt) {
         io.err << "zulcrypt: read error\n";
         return 1;
     }
-    const bool finished = encrypt ? cipher.EncryptFinal(result.data(), &written) : cipher.DecryptFinal(result.data(), &written);
+    const bool finished =
+        encrypt ? cipher.EncryptFinal(result.data(), &written) : cipher.DecryptFinal(result.data(), &written);
     if (!finished) return 1;
     if (!emit(result, written) || !io.out.flush() || (toFile && !file.Commit())) {
         io.err << "zulcrypt: write error\n";
@@ -230,7 +233,8 @@ void AddCipherCommands(CLI::App& app, Actions& actions) {
         CLI::App* sub = app.add_subcommand(encrypt ? "enc" : "dec",
                                            encrypt ? "Encrypt a file or standard input, padded, as openssl enc does."
                                                    : "Decrypt what enc or openssl enc wrote.");
-        sub->add_option("CIPHER", options->cipher, "the cipher by its VKL name: AES-128-CBC, AES-256-CTR, DES-EDE3-CBC, ...")
+        sub->add_option("CIPHER", options->cipher,
+                        "the cipher by its VKL name: AES-128-CBC, AES-256-CTR, DES-EDE3-CBC, ...")
             ->required();
         sub->add_option("HEXKEY", options->key, "the key in hex, of the cipher's key length")->required();
         sub->add_option("HEXIV", options->iv, "the IV in hex; \"\" for a cipher without one")->required();
