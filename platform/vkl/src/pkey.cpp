@@ -96,7 +96,7 @@ bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsign
     const DigestInfoPrefix* prefix = SignableDigest(md, function);
     if (prefix == nullptr) return false;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
-    PkeyPtr key = rsa->e == nullptr ? CompleteKey(vkl, rsa) : nullptr;
+    PkeyPtr key = rsa->e == nullptr ? CompleteKey(vkl, rsa) : ToOpenSslKey(vkl, rsa, true, function);
     if (!key && rsa->e == nullptr) {
         std::vector<unsigned char> t;
         DigestInfo(*prefix, hash, t);
@@ -114,7 +114,6 @@ bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsign
         if (ok) *length = static_cast<unsigned int>(k);
         return ok;
     }
-    if (!key) key = ToOpenSslKey(vkl, rsa, true, function);
     if (!key) return false;
     ErrorScope errors;
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), key.get(), nullptr));

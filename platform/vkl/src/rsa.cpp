@@ -125,8 +125,9 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     const size_t inLength = static_cast<size_t>(length);
 
-    PkeyPtr pkey = isPrivate && rsa->e == nullptr ? CompleteKey(vkl, rsa) : nullptr;
-    if (isPrivate && !pkey && rsa->e == nullptr) {
+    const bool fromD = isPrivate && rsa->e == nullptr;
+    PkeyPtr pkey = fromD ? CompleteKey(vkl, rsa) : ToOpenSslKey(vkl, rsa, isPrivate, function);
+    if (fromD && !pkey) {
         std::vector<unsigned char> em(k);
         int result = -1;
         if (operation == Operation::kPrivateEncrypt) {
@@ -162,7 +163,6 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
         return result;
     }
 
-    if (!pkey) pkey = ToOpenSslKey(vkl, rsa, isPrivate, function);
     if (!pkey) return -1;
     PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), pkey.get(), nullptr));
     if (!ctx) {
