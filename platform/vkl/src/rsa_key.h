@@ -47,11 +47,17 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function);
 bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 
-// For a record holding n and d but no e: the complete key (e, the primes, the CRT values),
-// recovered once per key and context and then kept, among the 8 keys used last. Null when no
-// usual public exponent fits d, the factors found are not primes, or the recovery failed; the
-// error queue is left as it was.
+// For a record holding n and d but no e: the complete key (e, the primes, the CRT values)
+// recovered by an earlier RecoverKey and kept, among the 8 keys used last. Null when none is
+// kept; the error queue is left as it was.
 PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa);
+
+// For a record holding n and d but no e, met for the first time in this context: recovers the
+// complete key and computes out = in^d mod n with it (CRT, blinded), n odd and `in` below it. True when
+// it did, the key then kept; false when the key is known already, no usual public exponent
+// fits d, the factors found are not primes, or the recovery failed (tried again next time).
+// The caller then exponentiates with d. The error queue is left as it was.
+bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out, BN_CTX* ctx);
 
 // Modulus length in bytes.
 int ModulusBytes(const VKL_RSA_t* rsa);

@@ -1,5 +1,6 @@
 // Complete RSA keys from n and d: the public exponent among the usual ones, the primes from
-// e·d − 1, the CRT values, kept per context so that a signer pays for them once.
+// e·d − 1, the CRT values, kept per context so that a signer pays for them once. The first
+// operation with a key is done here by a blinded CRT; later ones by OpenSSL with the kept key.
 #include <algorithm>
 #include <iterator>
 #include <mutex>
@@ -94,28 +95,62 @@ bool Factor(const BIGNUM* n, const BIGNUM* d, unsigned long e, Factors& out, BN_
     return false;
 }
 
-// A Fermat test of p and of q with random bases, and q⁻¹ mod p, from one pair of exponentiations:
-// for u = q·s mod p (s random), u^(p − 2) is u⁻¹ when p is prime, so u^(p − 2)·u ≡ 1 tests p and
-// u^(p − 2)·s is q⁻¹; r^(q − 1) ≡ 1 tests q. Two primes make (r^d)^e ≡ r for every r, which
-// OpenSSL's blinding relies on; a composite that divides n passes for few bases, bar Carmichael
-// numbers, for which that holds as well.
-bool ProbablyPrimes(Factors& f, BN_CTX* ctx, bool& failed) {
-    BnPtr s(BN_new()), u(BN_new()), r(BN_new()), pm2(BN_dup(f.p.get())), qm1(BN_dup(f.q.get()));
+// The number below n that is mp modulo p and mq modulo q (Garner's formula).
+bool Combine(BIGNUM* out, const BIGNUM* mp, const BIGNUM* mq, const Factors& f, BN_CTX* ctx) {
+    BnPtr h(BN_new());
+    return h && BN_mod_sub(h.get(), mp, mq, f.p.get(), ctx) == 1 &&
+           BN_mod_mul(h.get(), h.get(), f.qinv.get(), f.p.get(), ctx) == 1 &&
+           BN_mul(out, h.get(), f.q.get(), ctx) == 1 && BN_add(out, out, mq) == 1;
+}
+
+// Fermat tests of p and q with random bases, whose by-products are q⁻¹ mod p and a random
+// blinding value x with x⁻¹ mod n. With u = q·s mod p (s random), u^(p − 2) is u⁻¹ when p is
+// prime, so u^(p − 2)·u ≡ 1 tests p and u^(p − 2)·s is q⁻¹; v^(q − 2)·v ≡ 1 tests q for a random
+// v. x is the number that is u modulo p and v modulo q, its inverse the one that is u⁻¹ and v⁻¹.
+// Two primes make (r^d)^e ≡ r for every r, which blinding relies on; a composite that divides n
+// passes for few bases, bar Carmichael numbers, for which that holds as well.
+bool ProbablyPrimes(Factors& f, BIGNUM* x, BIGNUM* xInverse, BN_CTX* ctx, bool& failed) {
+    BnPtr s(BN_new()), u(BN_new()), v(BN_new()), pm2(BN_dup(f.p.get())), qm2(BN_dup(f.q.get()));
     BnPtr a(BN_new()), b(BN_new()), check(BN_new());
-    failed = !s || !u || !r || !pm2 || !qm1 || !a || !b || !check || BN_sub_word(pm2.get(), 2) != 1 ||
-             BN_sub_word(qm1.get(), 1) != 1;
+    failed = !s || !u || !v || !pm2 || !qm2 || !a || !b || !check || BN_sub_word(pm2.get(), 2) != 1 ||
+             BN_sub_word(qm2.get(), 2) != 1;
     if (failed) return false;
     BN_set_flags(pm2.get(), BN_FLG_CONSTTIME);
-    BN_set_flags(qm1.get(), BN_FLG_CONSTTIME);
+    BN_set_flags(qm2.get(), BN_FLG_CONSTTIME);
     // Both in one call, as OpenSSL's own CRT does: that is what lets it use its fastest exponentiation.
     failed = BN_priv_rand_range_ex(s.get(), f.p.get(), 0, ctx) != 1 ||
-             BN_priv_rand_range_ex(r.get(), f.q.get(), 0, ctx) != 1 ||
+             BN_priv_rand_range_ex(v.get(), f.q.get(), 0, ctx) != 1 ||
              BN_mod_mul(u.get(), f.q.get(), s.get(), f.p.get(), ctx) != 1 ||
-             BN_mod_exp_mont_consttime_x2(a.get(), u.get(), pm2.get(), f.p.get(), nullptr, b.get(), r.get(), qm1.get(),
+             BN_mod_exp_mont_consttime_x2(a.get(), u.get(), pm2.get(), f.p.get(), nullptr, b.get(), v.get(), qm2.get(),
                                           f.q.get(), nullptr, ctx) != 1 ||
-             BN_mod_mul(check.get(), a.get(), u.get(), f.p.get(), ctx) != 1 ||
-             BN_mod_mul(f.qinv.get(), a.get(), s.get(), f.p.get(), ctx) != 1;
-    return !failed && BN_is_one(check.get()) && BN_is_one(b.get());
+             BN_mod_mul(check.get(), a.get(), u.get(), f.p.get(), ctx) != 1;
+    if (failed || !BN_is_one(check.get())) return false;
+    failed = BN_mod_mul(check.get(), b.get(), v.get(), f.q.get(), ctx) != 1;
+    if (failed || !BN_is_one(check.get())) return false;
+    failed = BN_mod_mul(f.qinv.get(), a.get(), s.get(), f.p.get(), ctx) != 1 ||
+             !Combine(x, u.get(), v.get(), f, ctx) || !Combine(xInverse, a.get(), b.get(), f, ctx);
+    return !failed;
+}
+
+// out = in^d mod n by CRT on in·x^e, whose d-th power is in^d·x. The result is checked with
+// e, as OpenSSL checks its own CRT: false (not `failed`) when it does not match.
+bool BlindedCrt(const BIGNUM* n, unsigned long e, Factors& f, const BIGNUM* x, const BIGNUM* xInverse,
+                const BIGNUM* in, BIGNUM* out, BN_CTX* ctx, bool& failed) {
+    BnPtr exponent(BN_new()), blinded(BN_new()), mp(BN_new()), mq(BN_new()), rp(BN_new()), rq(BN_new());
+    BnPtr check(BN_new());
+    BN_set_flags(f.dp.get(), BN_FLG_CONSTTIME);
+    BN_set_flags(f.dq.get(), BN_FLG_CONSTTIME);
+    failed = !exponent || !blinded || !mp || !mq || !rp || !rq || !check || BN_set_word(exponent.get(), e) != 1 ||
+             BN_mod_exp_mont(blinded.get(), x, exponent.get(), n, ctx, nullptr) != 1 ||
+             BN_mod_mul(blinded.get(), blinded.get(), in, n, ctx) != 1 ||
+             BN_nnmod(mp.get(), blinded.get(), f.p.get(), ctx) != 1 ||
+             BN_nnmod(mq.get(), blinded.get(), f.q.get(), ctx) != 1 ||
+             BN_mod_exp_mont_consttime_x2(rp.get(), mp.get(), f.dp.get(), f.p.get(), nullptr, rq.get(), mq.get(),
+                                          f.dq.get(), f.q.get(), nullptr, ctx) != 1 ||
+             !Combine(blinded.get(), rp.get(), rq.get(), f, ctx) ||
+             BN_mod_mul(out, blinded.get(), xInverse, n, ctx) != 1 ||
+             BN_mod_exp_mont(check.get(), out, exponent.get(), n, ctx, nullptr) != 1;
+    return !failed && BN_cmp(check.get(), in) == 0;
 }
 
 bool PushSecret(OSSL_PARAM_BLD* bld, const char* key, BIGNUM* number) {
@@ -200,26 +235,37 @@ void Remember(VKL_t* vkl, const unsigned char id[32], const PkeyPtr& key) {
 }  // namespace
 
 PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa) {
+    ErrorScope errors;
+    unsigned char id[32];
+    PkeyPtr key;
+    if (KeyId(vkl, rsa, id)) (void)Lookup(vkl, id, key);
+    OPENSSL_cleanse(id, sizeof id);
+    errors.Drop();
+    return key;
+}
+
+bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out, BN_CTX* ctx) {
     const BIGNUM* n = rsa->n->bn.get();
     const BIGNUM* d = rsa->d->bn.get();
-    // Factors of an even modulus would be refused later anyway; d of 0 or 1 fits no key.
-    if (!BN_is_odd(n) || BN_cmp(d, BN_value_one()) <= 0) return nullptr;
+    // d of 0 or 1 fits no key.
+    if (BN_cmp(d, BN_value_one()) <= 0) return false;
     ErrorScope errors;
     unsigned char id[32];
     PkeyPtr key;
     if (!KeyId(vkl, rsa, id) || Lookup(vkl, id, key)) {
         OPENSSL_cleanse(id, sizeof id);
         errors.Drop();
-        return key;
+        return false;
     }
-    BnCtxPtr ctx(BN_CTX_new_ex(vkl->libctx.get()));
     Factors factors;
-    bool failed = !ctx || !factors.Made();
+    BnPtr x(BN_new()), xInverse(BN_new());
+    bool failed = !factors.Made() || !x || !xInverse;
     unsigned long e = 0;
     for (size_t i = 0; !failed && e == 0 && i < std::size(kUsualExponents); ++i) {
-        if (Factor(n, d, kUsualExponents[i], factors, ctx.get(), failed)) e = kUsualExponents[i];
+        if (Factor(n, d, kUsualExponents[i], factors, ctx, failed)) e = kUsualExponents[i];
     }
-    if (!failed && e != 0 && ProbablyPrimes(factors, ctx.get(), failed)) {
+    if (!failed && e != 0 && ProbablyPrimes(factors, x.get(), xInverse.get(), ctx, failed) &&
+        BlindedCrt(n, e, factors, x.get(), xInverse.get(), in, out, ctx, failed)) {
         key = Import(vkl, n, e, d, factors);
         failed = !key;
     }
@@ -233,7 +279,7 @@ PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa) {
     if (!failed) Remember(vkl, id, key);
     OPENSSL_cleanse(id, sizeof id);
     errors.Drop();
-    return key;
+    return key != nullptr;
 }
 
 }  // namespace vkl
