@@ -13,7 +13,7 @@
 extern "C" {
 #endif
 
-/* Disarms every fault, clears counts and the call log, makes every status record clean again,
+/* Disarms every fault (a failing allocation too), clears counts and the call log, makes every status record clean again,
  * makes every context forget the RSA keys it recovered from n and d, and empties the calling
  * thread's error queue. */
 void VKLTest_Reset(void);
@@ -45,6 +45,15 @@ long VKLTest_LastLength(const char* function);
  * numbers, including those inside RSA and DH records): equal before and after a piece of work
  * that releases all it made. */
 long VKLTest_LiveObjects(void);
+
+/* Allocations since the last reset: the stand-in's handles and everything OpenSSL allocates for
+ * it (OpenSSL allocates through the stand-in). */
+unsigned long VKLTest_Allocations(void);
+
+/* The `n`-th allocation from now (1: the next) fails, once, as though memory ran out; 0 disarms.
+ * Counted across all threads. Returns 1, or 0 when OpenSSL had allocated before the stand-in was
+ * loaded and so keeps its own allocator (then only the stand-in's own allocations can fail). */
+int VKLTest_FailAllocation(unsigned long n);
 
 /* Names of the VKL functions called since the last reset, one per line, oldest first
  * (the latest 8192 at most). Valid until the next call of this function or a reset. */

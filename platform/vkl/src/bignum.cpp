@@ -7,12 +7,13 @@
 
 #include "bignum.h"
 #include "errors.h"
+#include "memory.h"
 #include "probe.h"
 
 namespace {
 
 VKL_BIGNUM_s* NewNumber(const char* function) {
-    std::unique_ptr<VKL_BIGNUM_s> number(new (std::nothrow) VKL_BIGNUM_s);
+    std::unique_ptr<VKL_BIGNUM_s> number = vkl::Make<VKL_BIGNUM_s>();
     if (!number) {
         vkl::QueueError(std::string(function) + ": out of memory");
         return nullptr;

@@ -9,6 +9,7 @@
 #include <openssl/evp.h>
 
 #include "errors.h"
+#include "memory.h"
 #include "probe.h"
 #include "vkl_context.h"
 
@@ -144,9 +145,9 @@ VKL_EVP_CIPHER_CTX_t* VKL_EVP_CIPHER_CTX_new(VKL_t* vkl) {
         vkl::QueueError(std::string(__func__) + ": no VKL context");
         return nullptr;
     }
-    auto made = std::make_unique<VKL_EVP_CIPHER_CTX_s>();
-    made->ctx.reset(EVP_CIPHER_CTX_new());
-    if (!made->ctx) {
+    auto made = vkl::Make<VKL_EVP_CIPHER_CTX_s>();
+    if (made) made->ctx.reset(EVP_CIPHER_CTX_new());
+    if (!made || !made->ctx) {
         vkl::QueueErrorIfEmpty(__func__, "out of memory");
         return nullptr;
     }

@@ -7,6 +7,7 @@
 #include <openssl/objects.h>
 
 #include "errors.h"
+#include "memory.h"
 #include "probe.h"
 #include "vkl_context.h"
 
@@ -85,7 +86,8 @@ const VKL_EVP_MD_s* FetchDigest(VKL_t* vkl, const char* name, const char* functi
         std::unique_ptr<VKL_EVP_MD_s> made;
         MdPtr md = FetchByName<MdPtr>(vkl, name, CanonicalDigestName, EVP_MD_fetch);
         if (md) {
-            made = std::make_unique<VKL_EVP_MD_s>();
+            made = Make<VKL_EVP_MD_s>();
+            if (!made) return made;
             made->nid = EVP_MD_get_type(md.get());
             made->size = EVP_MD_get_size(md.get());
             made->blockSize = EVP_MD_get_block_size(md.get());
@@ -106,7 +108,8 @@ const VKL_EVP_CIPHER_s* FetchCipher(VKL_t* vkl, const char* name, const char* fu
         std::unique_ptr<VKL_EVP_CIPHER_s> made;
         CipherPtr cipher = FetchByName<CipherPtr>(vkl, name, CanonicalCipherName, EVP_CIPHER_fetch);
         if (cipher) {
-            made = std::make_unique<VKL_EVP_CIPHER_s>();
+            made = Make<VKL_EVP_CIPHER_s>();
+            if (!made) return made;
             made->nid = EVP_CIPHER_get_nid(cipher.get());
             made->keyLength = EVP_CIPHER_get_key_length(cipher.get());
             made->ivLength = EVP_CIPHER_get_iv_length(cipher.get());
@@ -137,9 +140,9 @@ extern "C" {
 
 VKL_t* VKL_CTX_new(void) {
     VKL_ENTER(VKL_t*);
-    auto vkl = std::make_unique<VKL_s>();
-    vkl->libctx.reset(OSSL_LIB_CTX_new());
-    if (!vkl->libctx) {
+    auto vkl = vkl::Make<VKL_s>();
+    if (vkl) vkl->libctx.reset(OSSL_LIB_CTX_new());
+    if (!vkl || !vkl->libctx) {
         vkl::QueueErrorIfEmpty(__func__, "cannot create an OpenSSL library context");
         return nullptr;
     }

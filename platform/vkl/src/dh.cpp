@@ -15,6 +15,7 @@
 #include "bignum.h"
 #include "errors.h"
 #include "handles.h"
+#include "memory.h"
 #include "probe.h"
 #include "vkl_context.h"
 
@@ -106,7 +107,7 @@ extern "C" {
 
 VKL_DH_t* VKL_DH_new(VKL_t*) {
     VKL_ENTER(VKL_DH_t*);
-    VKL_DH_t* dh = new (std::nothrow) VKL_DH_t{};
+    VKL_DH_t* dh = vkl::Make<VKL_DH_t>().release();
     if (dh == nullptr) vkl::QueueError(std::string(__func__) + ": out of memory");
     return dh;
 }
@@ -150,9 +151,9 @@ VKL_DH_t* VKL_DH_generate_parameters(VKL_t* vkl, int primeLength, int generator,
     vkl::BnPtr prime(p);
     const bool gotBoth = gotPrime && EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_FFC_G, &g) == 1;
     vkl::BnPtr base(g);
-    std::unique_ptr<VKL_BIGNUM_s> pNumber(new (std::nothrow) VKL_BIGNUM_s);
-    std::unique_ptr<VKL_BIGNUM_s> gNumber(new (std::nothrow) VKL_BIGNUM_s);
-    std::unique_ptr<VKL_DH_t> dh(new (std::nothrow) VKL_DH_t{});
+    std::unique_ptr<VKL_BIGNUM_s> pNumber = vkl::Make<VKL_BIGNUM_s>();
+    std::unique_ptr<VKL_BIGNUM_s> gNumber = vkl::Make<VKL_BIGNUM_s>();
+    std::unique_ptr<VKL_DH_t> dh = vkl::Make<VKL_DH_t>();
     if (!gotBoth || !pNumber || !gNumber || !dh) {
         trail.Fail("cannot hold the parameters");
         return nullptr;
@@ -194,8 +195,8 @@ int VKL_DH_generate_key(VKL_t* vkl, VKL_DH_t* dh) {
     const bool gotPriv = gotPub && EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &priv) == 1;
     vkl::BnPtr privValue(priv);
     // Both holders exist before either field changes: the record keeps a whole pair or its old one.
-    std::unique_ptr<VKL_BIGNUM_s> pubNumber(dh->pub_key == nullptr ? new (std::nothrow) VKL_BIGNUM_s : nullptr);
-    std::unique_ptr<VKL_BIGNUM_s> privNumber(dh->priv_key == nullptr ? new (std::nothrow) VKL_BIGNUM_s : nullptr);
+    std::unique_ptr<VKL_BIGNUM_s> pubNumber = dh->pub_key == nullptr ? vkl::Make<VKL_BIGNUM_s>() : nullptr;
+    std::unique_ptr<VKL_BIGNUM_s> privNumber = dh->priv_key == nullptr ? vkl::Make<VKL_BIGNUM_s>() : nullptr;
     if (!gotPriv || (dh->pub_key == nullptr && !pubNumber) || (dh->priv_key == nullptr && !privNumber)) {
         trail.Fail("cannot hold the key pair");
         return 0;

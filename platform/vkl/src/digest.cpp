@@ -9,6 +9,7 @@
 #include <openssl/objects.h>
 
 #include "errors.h"
+#include "memory.h"
 #include "probe.h"
 #include "vkl_context.h"
 
@@ -145,7 +146,7 @@ VKL_EVP_MD_CTX_t* VKL_EVP_MD_CTX_new(VKL_t* vkl) {
         vkl::QueueError(std::string(__func__) + ": no VKL context");
         return nullptr;
     }
-    std::unique_ptr<VKL_EVP_MD_CTX_s> ctx(new (std::nothrow) VKL_EVP_MD_CTX_s);
+    std::unique_ptr<VKL_EVP_MD_CTX_s> ctx = vkl::Make<VKL_EVP_MD_CTX_s>();
     if (!ctx) {
         vkl::QueueError(std::string(__func__) + ": out of memory");
         return nullptr;

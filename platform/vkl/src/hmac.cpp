@@ -14,6 +14,7 @@
 #include <openssl/params.h>
 
 #include "errors.h"
+#include "memory.h"
 #include "probe.h"
 #include "vkl_context.h"
 
@@ -90,9 +91,9 @@ VKL_HMAC_CTX_t* VKL_HMAC_CTX_new(VKL_t* vkl) {
     }
     EVP_MAC* mac = vkl::FetchMac(vkl, "HMAC", __func__);
     if (mac == nullptr) return nullptr;
-    auto ctx = std::make_unique<VKL_HMAC_CTX_s>();
-    ctx->mac.reset(EVP_MAC_CTX_new(mac));
-    if (!ctx->mac) {
+    auto ctx = vkl::Make<VKL_HMAC_CTX_s>();
+    if (ctx) ctx->mac.reset(EVP_MAC_CTX_new(mac));
+    if (!ctx || !ctx->mac) {
         vkl::QueueErrorIfEmpty(__func__, "cannot allocate an HMAC context");
         return nullptr;
     }

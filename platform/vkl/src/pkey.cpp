@@ -12,6 +12,7 @@
 
 #include "digest_finish.h"
 #include "errors.h"
+#include "memory.h"
 #include "probe.h"
 #include "rsa_key.h"
 #include "vkl_context.h"
@@ -135,7 +136,7 @@ extern "C" {
 
 VKL_EVP_PKEY_t* VKL_EVP_PKEY_new(VKL_t*) {
     VKL_ENTER(VKL_EVP_PKEY_t*);
-    VKL_EVP_PKEY_t* pkey = new (std::nothrow) VKL_EVP_PKEY_s;
+    VKL_EVP_PKEY_t* pkey = vkl::Make<VKL_EVP_PKEY_s>().release();
     if (pkey == nullptr) vkl::QueueError(std::string(__func__) + ": out of memory");
     return pkey;
 }

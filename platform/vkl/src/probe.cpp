@@ -1,3 +1,4 @@
+#include "memory.h"
 #include "probe.h"
 
 #include <array>
@@ -135,6 +136,7 @@ void VKLTest_Reset(void) {
     for (auto& slot : vkl::g_log) slot.store(nullptr, std::memory_order_relaxed);
     vkl::g_logNext.store(0, std::memory_order_relaxed);
     vkl::g_resets.fetch_add(1, std::memory_order_relaxed);
+    vkl::ResetAllocations();
     ERR_clear_error();
 }
 

@@ -17,6 +17,7 @@
 
 #include "bignum.h"
 #include "errors.h"
+#include "memory.h"
 #include "probe.h"
 #include "rsa_key.h"
 #include "vkl_context.h"
@@ -59,7 +60,7 @@ int CheckType2(const unsigned char* em, size_t k) {
 VKL_BIGNUM_t* TakeParam(const EVP_PKEY* pkey, const char* name) {
     BIGNUM* value = nullptr;
     if (EVP_PKEY_get_bn_param(pkey, name, &value) != 1) return nullptr;
-    VKL_BIGNUM_t* number = new (std::nothrow) VKL_BIGNUM_s;
+    VKL_BIGNUM_t* number = Make<VKL_BIGNUM_s>().release();
     if (number == nullptr) {
         BN_clear_free(value);
         return nullptr;
@@ -387,7 +388,7 @@ extern "C" {
 
 VKL_RSA_t* VKL_RSA_new(VKL_t*) {
     VKL_ENTER(VKL_RSA_t*);
-    VKL_RSA_t* rsa = new (std::nothrow) VKL_RSA_t{};
+    VKL_RSA_t* rsa = vkl::Make<VKL_RSA_t>().release();
     if (rsa == nullptr) {
         vkl::QueueError(std::string(__func__) + ": out of memory");
         return nullptr;
@@ -426,7 +427,7 @@ VKL_RSA_t* VKL_RSA_generate_key(VKL_t* vkl, int bits, unsigned long e, void (*)(
         return nullptr;
     }
     vkl::PkeyPtr pkey(made);
-    vkl::RecordPtr rsa(new (std::nothrow) VKL_RSA_t{});
+    vkl::RecordPtr rsa(vkl::Make<VKL_RSA_t>().release());
     if (!rsa) {
         vkl::QueueError(std::string(__func__) + ": out of memory");
         return nullptr;
