@@ -180,9 +180,11 @@ class MemoryTest : public zultest::PlatformTest {};
 TEST_F(MemoryTest, EveryAllocationFailsOnceInTurn) {
     ASSERT_TRUE(RsaCase().Has("Out"));
     ASSERT_EQ(VKLTest_FailAllocation(0), 1) << "OpenSSL does not allocate through the stand-in";
+    // A class that makes its VKL object again at the next call may absorb a failure; some must show.
+    unsigned long failed = 0;
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
-        // One run: a context of its own, so that what it fetches and caches is made under the fault too.
+        // One run, on a CZulCryptContext of its own (the VKL context under it is shared, and keeps what it fetched).
         auto run = [&](unsigned long failing, std::vector<std::string>& reports) {
             VKLTest_Reset();
             diagnostics->Clear();
@@ -198,11 +200,12 @@ TEST_F(MemoryTest, EveryAllocationFailsOnceInTurn) {
             for (const zultest::ErrorReport& report : diagnostics->errors) reports.push_back(report.text);
             return ok;
         };
+        // The second clean run counts: the first also makes what the shared VKL context keeps.
         std::vector<std::string> reports;
+        ASSERT_TRUE(run(0, reports));
         ASSERT_TRUE(run(0, reports));
         const unsigned long allocations = VKLTest_Allocations();
         ASSERT_GT(allocations, 0u);
-        unsigned long failed = 0;
         for (unsigned long k = 1; k <= allocations; ++k) {
             reports.clear();
             if (run(k, reports)) continue;
@@ -211,10 +214,10 @@ TEST_F(MemoryTest, EveryAllocationFailsOnceInTurn) {
             for (const std::string& text : reports) explained = explained || !text.empty();
             EXPECT_TRUE(explained) << "allocation " << k << " of " << allocations << " failed the work unexplained";
         }
-        EXPECT_GT(failed, 0u);
         reports.clear();
         EXPECT_TRUE(run(0, reports)) << "a failed allocation spoiled later work";
     }
+    EXPECT_GT(failed, 0u);
 }
 
 }  // namespace

@@ -144,6 +144,7 @@ void RunScripts(const std::string& file, const Driver& driver) {
             Vars() = {{"$ctx", address.str()}};
             std::unique_ptr<Calls> calls;
             bool made = false;
+            unsigned long allocations = 0;
             for (size_t i = 0; i < script.lines.size(); ++i) {
                 const std::string& key = script.lines[i].first;
                 const std::string& value = script.lines[i].second;
@@ -169,7 +170,9 @@ void RunScripts(const std::string& file, const Driver& driver) {
                         continue;
                     }
                     ASSERT_TRUE(calls != nullptr && calls->count(name) == 1u) << "no call " << name;
+                    allocations = VKLTest_Allocations();
                     outcome = calls->at(name)(args);
+                    allocations = VKLTest_Allocations() - allocations;
                 } else if (key == "Ok") {
                     EXPECT_EQ(outcome.ok, arg.Number() != 0);
                 } else if (key == "Result") {
@@ -198,6 +201,10 @@ void RunScripts(const std::string& file, const Driver& driver) {
                     VKLTest_FailCall(f[0].raw.c_str(), f.size() > 1 ? static_cast<unsigned>(f[1].Number()) : 0,
                                      f.size() > 3 ? static_cast<int>(f[3].Number()) : 1,
                                      f.size() > 2 ? f[2].Number() : -2);
+                } else if (key == "Oom") {
+                    EXPECT_EQ(VKLTest_FailAllocation(static_cast<unsigned long>(arg.Number())), 1);
+                } else if (key == "Allocations") {
+                    EXPECT_EQ(allocations, static_cast<unsigned long>(arg.Number()));
                 } else if (key == "Wex") {
                     WEXTest_SetGetContextResult(arg.Number());
                 } else if (key == "Host") {

@@ -9,6 +9,8 @@
 //                                none may be reported when no Report line follows
 //   Trace3 = "text"              traces of that level since the call, when given
 //   Fail = VKL_fn skip result    arms a VKL fault (once) before the next call
+//   Oom = N                      the N-th allocation from here (VKL's or OpenSSL's) fails;
+//                                Allocations = N, how many the latest call made
 //   Count = VKL_fn N             calls of a VKL function since the case began;
 //                                Length = VKL_fn N, the length argument of its latest call
 //   Wex = N / Host = N           from here on, what WEXCryptGetContext returns and the host's
