@@ -35,8 +35,7 @@ struct VKL_HMAC_CTX_s {
 
     bool Holds(const unsigned char* other, size_t length, const VKL_EVP_MD_s* digest) const {
         // Lengths are not secret; the bytes are compared in constant time.
-        return md == digest && key.size() == length &&
-               (length == 0 || CRYPTO_memcmp(key.data(), other, length) == 0);
+        return md == digest && key.size() == length && CRYPTO_memcmp(key.data(), other, length) == 0;
     }
 };
 

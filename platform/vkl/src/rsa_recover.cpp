@@ -2,7 +2,6 @@
 // e·d − 1, the CRT values, kept per context so that a signer pays for them once. The first
 // operation with a key is done here by a blinded CRT; later ones by OpenSSL with the kept key.
 #include <algorithm>
-#include <iterator>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -261,8 +260,9 @@ bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out,
     BnPtr x(BN_new()), xInverse(BN_new());
     bool failed = !factors.Made() || !x || !xInverse;
     unsigned long e = 0;
-    for (size_t i = 0; !failed && e == 0 && i < std::size(kUsualExponents); ++i) {
-        if (Factor(n, d, kUsualExponents[i], factors, ctx, failed)) e = kUsualExponents[i];
+    for (unsigned long candidate : kUsualExponents) {
+        if (failed || e != 0) break;
+        if (Factor(n, d, candidate, factors, ctx, failed)) e = candidate;
     }
     if (!failed && e != 0 && ProbablyPrimes(factors, x.get(), xInverse.get(), ctx, failed) &&
         BlindedCrt(n, e, factors, x.get(), xInverse.get(), in, out, ctx, failed)) {
