@@ -39,14 +39,8 @@ struct Row {
     Work work;
 };
 
-// The SHA-256 signature of the 1024-bit key of rsa_signature.vec (openssl command line).
 const zultest::VectorCase& RsaCase() {
-    static const zultest::VectorCase found = [] {
-        for (const zultest::VectorCase& row : zultest::ReadVectors("rsa_signature.vec")) {
-            if (row.Text("Digest") == "SHA256" && row.Number("Valid") == 1 && !row.Bytes("In").empty()) return row;
-        }
-        return zultest::VectorCase();
-    }();
+    static const zultest::VectorCase found = zultest::RsaSha256Signature();
     return found;
 }
 

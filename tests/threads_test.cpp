@@ -40,14 +40,7 @@ protected:
 // procedural interface over one shared context handle.
 TEST_F(ThreadsTest, EveryCapabilityAgreesWithItsVectors) {
     ASSERT_TRUE(context.GetStatus());
-    // A SHA-256 signature of the fixed key made by the openssl command line.
-    zultest::VectorCase rsa;
-    for (const zultest::VectorCase& candidate : zultest::ReadVectors("rsa_signature.vec")) {
-        if (candidate.Text("Digest") == "SHA256" && candidate.Number("Valid") == 1 && !candidate.Bytes("In").empty()) {
-            rsa = candidate;
-            break;
-        }
-    }
+    const zultest::VectorCase rsa = zultest::RsaSha256Signature();
     ASSERT_TRUE(rsa.Has("Out"));
     const Bytes n = rsa.Bytes("N"), e = rsa.Bytes("E"), d = rsa.Bytes("D"), signed_ = rsa.Bytes("Out");
     ZulVklCtxWrap* ctx = ZulVklCtxCreate();

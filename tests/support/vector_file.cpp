@@ -78,4 +78,11 @@ std::vector<VectorCase> ReadVectors(const std::string& name) {
     return cases;
 }
 
+VectorCase RsaSha256Signature() {
+    for (const VectorCase& row : ReadVectors("rsa_signature.vec")) {
+        if (row.Text("Digest") == "SHA256" && row.Number("Valid") == 1 && !row.Bytes("In").empty()) return row;
+    }
+    return VectorCase();
+}
+
 }  // namespace zultest

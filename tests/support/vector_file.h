@@ -37,6 +37,10 @@ public:
 // Reads tests/data/<name>; fails the calling test (ADD_FAILURE) when the file cannot be read.
 std::vector<VectorCase> ReadVectors(const std::string& name);
 
+// The first valid SHA-256 signature of a message in rsa_signature.vec (made by the openssl
+// command line), with its key's N, E and D; a case without "Out" when there is none.
+VectorCase RsaSha256Signature();
+
 }  // namespace zultest
 
 #endif  // ZUL_VECTOR_FILE_H
