@@ -51,7 +51,7 @@ long VKLTest_LiveObjects(void);
 unsigned long VKLTest_Allocations(void);
 
 /* The `n`-th allocation from now (1: the next) fails, once, as though memory ran out; 0 disarms.
- * Counted across all threads. Returns 1, or 0 when OpenSSL had allocated before the stand-in was
+ * Counted across all threads, exactly when allocations are made one at a time. Returns 1, or 0 when OpenSSL had allocated before the stand-in was
  * loaded and so keeps its own allocator (then only the stand-in's own allocations can fail). */
 int VKLTest_FailAllocation(unsigned long n);
 
