@@ -96,7 +96,7 @@ int VKL_BN_set_negative(VKL_t*, VKL_BIGNUM_t* bn, int sign) {
 
 int VKL_BN_is_negative(VKL_t*, const VKL_BIGNUM_t* bn) {
     VKL_ENTER(int);
-    return bn != nullptr && BN_is_negative(bn->bn.get()) ? 1 : 0;
+    return bn != nullptr && BN_is_negative(bn->bn.get());
 }
 
 }  // extern "C"

@@ -156,12 +156,12 @@ VKL_EVP_CIPHER_CTX_t* VKL_EVP_CIPHER_CTX_new(VKL_t* vkl) {
 
 int VKL_EVP_CIPHER_CTX_init(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx) {
     VKL_ENTER(int);
-    return vkl::Reset(vkl, ctx, __func__) ? 1 : 0;
+    return vkl::Reset(vkl, ctx, __func__);
 }
 
 int VKL_EVP_CIPHER_CTX_cleanup(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx) {
     VKL_ENTER(int);
-    return vkl::Reset(vkl, ctx, __func__) ? 1 : 0;
+    return vkl::Reset(vkl, ctx, __func__);
 }
 
 int VKL_EVP_CIPHER_CTX_free(VKL_t*, VKL_EVP_CIPHER_CTX_t* ctx) {
@@ -209,7 +209,7 @@ int VKL_EVP_CIPHER_CTX_set_key_length(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int
 int VKL_EVP_CIPHER_CTX_set_padding(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int padding) {
     VKL_ENTER(int);
     if (!vkl::Usable(vkl, ctx, __func__)) return -2;
-    if (EVP_CIPHER_CTX_set_padding(ctx->ctx.get(), padding != 0 ? 1 : 0) != 1) {
+    if (EVP_CIPHER_CTX_set_padding(ctx->ctx.get(), padding != 0) != 1) {
         vkl::QueueErrorIfEmpty(__func__, "the cipher refused the padding setting");
         return -2;
     }

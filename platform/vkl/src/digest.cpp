@@ -161,12 +161,12 @@ VKL_EVP_MD_CTX_t* VKL_EVP_MD_CTX_new(VKL_t* vkl) {
 
 int VKL_EVP_MD_CTX_init(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx) {
     VKL_ENTER(int);
-    return vkl::Reset(vkl, ctx, __func__) ? 1 : 0;
+    return vkl::Reset(vkl, ctx, __func__);
 }
 
 int VKL_EVP_MD_CTX_cleanup(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx) {
     VKL_ENTER(int);
-    return vkl::Reset(vkl, ctx, __func__) ? 1 : 0;
+    return vkl::Reset(vkl, ctx, __func__);
 }
 
 int VKL_EVP_MD_CTX_free(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx) {

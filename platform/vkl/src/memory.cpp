@@ -57,7 +57,7 @@ unsigned long VKLTest_Allocations(void) { return vkl::g_allocations.load(std::me
 int VKLTest_FailAllocation(unsigned long n) {
     vkl::g_failing.store(n == 0 ? 0 : vkl::g_allocations.load(std::memory_order_relaxed) + n,
                          std::memory_order_relaxed);
-    return vkl::g_ours ? 1 : 0;
+    return vkl::g_ours;
 }
 
 }  // extern "C"

@@ -173,7 +173,7 @@ int VKL_EVP_SignFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, unsigned char* signatur
     if (!vkl::FinishDigest(vkl, ctx, hash, &hashLength, &md, __func__)) return 0;
     const bool ok = vkl::HaveKey(vkl, pkey, __func__) &&
                     vkl::Sign(vkl, pkey->rsa, md, hash, hashLength, signature, length, __func__);
-    return ok ? 1 : 0;
+    return ok;
 }
 
 int VKL_EVP_VerifyFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const unsigned char* signature, unsigned int length,

@@ -180,7 +180,7 @@ PkeyPtr Import(VKL_t* vkl, const BIGNUM* n, unsigned long e, const BIGNUM* d, Fa
 }
 
 // SHA-256 over the length of n, n and d: the name of the key in the context's list.
-bool KeyId(VKL_t* vkl, const VKL_RSA_t* rsa, unsigned char id[32]) {
+bool MakeKeyId(VKL_t* vkl, const VKL_RSA_t* rsa, KeyId& id) {
     const VKL_EVP_MD_s* sha256 = FetchDigest(vkl, "SHA256", "VKL_RSA/recover");
     const BIGNUM* n = rsa->n->bn.get();
     const BIGNUM* d = rsa->d->bn.get();
@@ -190,14 +190,15 @@ bool KeyId(VKL_t* vkl, const VKL_RSA_t* rsa, unsigned char id[32]) {
     BN_bn2bin(d, bytes.data() + 4 + nLength);
     unsigned int length = 0;
     const bool ok = sha256 != nullptr && BN_bn2bin(n, bytes.data() + 4) == nLength &&
-                    EVP_Digest(bytes.data(), bytes.size(), id, &length, sha256->md.get(), nullptr) == 1 && length == 32;
+                    EVP_Digest(bytes.data(), bytes.size(), id.data(), &length, sha256->md.get(), nullptr) == 1 &&
+                    length == id.size();
     OPENSSL_cleanse(bytes.data(), bytes.size());
     return ok;
 }
 
 // The entry named `id`, moved to the front; false when there is none. Drops everything made
 // before the latest test reset first.
-bool Lookup(VKL_t* vkl, const unsigned char id[32], PkeyPtr& key) {
+bool Lookup(VKL_t* vkl, const KeyId& id, PkeyPtr& key) {
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
     const unsigned long resets = g_resets.load(std::memory_order_relaxed);
     if (vkl->keysReset != resets) {
@@ -205,7 +206,7 @@ bool Lookup(VKL_t* vkl, const unsigned char id[32], PkeyPtr& key) {
         vkl->keysReset = resets;
     }
     for (auto it = vkl->privateKeys.begin(); it != vkl->privateKeys.end(); ++it) {
-        if (CRYPTO_memcmp(it->id, id, 32) != 0) continue;
+        if (CRYPTO_memcmp(it->id.data(), id.data(), id.size()) != 0) continue;
         vkl->privateKeys.splice(vkl->privateKeys.begin(), vkl->privateKeys, it);
         if (it->key && EVP_PKEY_up_ref(it->key.get()) == 1) key.reset(it->key.get());
         return true;
@@ -213,19 +214,19 @@ bool Lookup(VKL_t* vkl, const unsigned char id[32], PkeyPtr& key) {
     return false;
 }
 
-void Remember(VKL_t* vkl, const unsigned char id[32], const PkeyPtr& key) {
+void Remember(VKL_t* vkl, const KeyId& id, const PkeyPtr& key) {
     EVP_PKEY* reference = key && EVP_PKEY_up_ref(key.get()) == 1 ? key.get() : nullptr;
     if (key && reference == nullptr) return;
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
     // Another thread may have recovered the same key meanwhile: one entry is enough.
     for (const RecoveredKey& entry : vkl->privateKeys) {
-        if (CRYPTO_memcmp(entry.id, id, 32) == 0) {
+        if (CRYPTO_memcmp(entry.id.data(), id.data(), id.size()) == 0) {
             EVP_PKEY_free(reference);
             return;
         }
     }
     vkl->privateKeys.emplace_front();
-    std::copy(id, id + 32, vkl->privateKeys.front().id);
+    vkl->privateKeys.front().id = id;
     vkl->privateKeys.front().key.reset(reference);
     // The least recently used goes, its key freed by OpenSSL with its secrets cleared.
     if (vkl->privateKeys.size() > kPrivateKeysKept) vkl->privateKeys.pop_back();
@@ -235,10 +236,10 @@ void Remember(VKL_t* vkl, const unsigned char id[32], const PkeyPtr& key) {
 
 PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa) {
     ErrorScope errors;
-    unsigned char id[32];
+    KeyId id;
     PkeyPtr key;
-    if (KeyId(vkl, rsa, id)) (void)Lookup(vkl, id, key);
-    OPENSSL_cleanse(id, sizeof id);
+    if (MakeKeyId(vkl, rsa, id)) (void)Lookup(vkl, id, key);
+    OPENSSL_cleanse(id.data(), id.size());
     errors.Drop();
     return key;
 }
@@ -249,10 +250,10 @@ bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out,
     // d of 0 or 1 fits no key.
     if (BN_cmp(d, BN_value_one()) <= 0) return false;
     ErrorScope errors;
-    unsigned char id[32];
+    KeyId id;
     PkeyPtr key;
-    if (!KeyId(vkl, rsa, id) || Lookup(vkl, id, key)) {
-        OPENSSL_cleanse(id, sizeof id);
+    if (!MakeKeyId(vkl, rsa, id) || Lookup(vkl, id, key)) {
+        OPENSSL_cleanse(id.data(), id.size());
         errors.Drop();
         return false;
     }
@@ -277,7 +278,7 @@ bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out,
     // A key that no usual e fits, or whose factors are not primes, is remembered as such; a
     // failure is not, so the next call tries again.
     if (!failed) Remember(vkl, id, key);
-    OPENSSL_cleanse(id, sizeof id);
+    OPENSSL_cleanse(id.data(), id.size());
     errors.Drop();
     return key != nullptr;
 }

@@ -13,6 +13,8 @@
 
 #include <vkl.h>
 
+#include <array>
+
 #include <openssl/crypto.h>
 
 #include "handles.h"
@@ -22,13 +24,15 @@ namespace vkl {
 // A complete RSA key recovered from n and d, named by SHA-256 over both; no key when no usual
 // public exponent fits d or its factors are not primes. The name is derived from d, so it is
 // wiped with the entry.
+using KeyId = std::array<unsigned char, 32>;
+
 struct RecoveredKey {
-    unsigned char id[32] = {};
+    KeyId id{};
     PkeyPtr key;
     RecoveredKey() = default;
     RecoveredKey(const RecoveredKey&) = delete;
     RecoveredKey& operator=(const RecoveredKey&) = delete;
-    ~RecoveredKey() { OPENSSL_cleanse(id, sizeof id); }
+    ~RecoveredKey() { OPENSSL_cleanse(id.data(), id.size()); }
 };
 
 }  // namespace vkl

@@ -26,7 +26,7 @@ int HostFips() {
     static const int fips = [] {
         std::ifstream in("/proc/sys/crypto/fips_enabled");
         int value = 0;
-        return (in >> value) && value == 1 ? 1 : 0;
+        return (in >> value) && value == 1;
     }();
     return fips;
 }
