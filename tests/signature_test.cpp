@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <czulcryptsignature.h>
+#include <vkl_testing.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -125,6 +126,9 @@ TEST_F(SignatureTest, Vectors) {
         const std::string mismatch = "VKL_EVP_VerifyFinal: the signature does not match";
         Texts reports(valid ? 0 : 1, v.Has("Error") ? v.Text("Error") : mismatch);
         if (valid || v.Has("SignError")) {
+            // VKL forgets the keys it completed: the first signature pads by VKL's own table, the
+            // second by OpenSSL.
+            VKLTest_Reset();
             call("Reset", {});
             ASSERT_TRUE(call("Set", {"Digest", "N", "D"}).ok);
             EXPECT_EQ(zultest::Hex(call("Sign", {"In"}).out), expected);
