@@ -28,7 +28,9 @@ void VKLTest_Reset(void);
  * complete RSA key from a record holding n and d (once per key and context, at its first
  * private operation) is addressed and counted as "VKL_RSA/recover", its length being the
  * public exponent of the key completed (0 when none is); a failing one leaves that operation to
- * the exponentiation with d, and the next one tries again. */
+ * the exponentiation with d, and the next one tries again. That exponentiation with d alone (a
+ * private operation with a record holding n and d that no usual e completes, or whose recovery
+ * failed) is addressed and counted as "VKL_RSA/d"; a failing one fails the operation. */
 void VKLTest_FailCall(const char* function, unsigned skip, int times, long result);
 
 /* The record that "VKL_GetStatus", "VKL_SelfTest" or "VKL_GenerateRandomSeed" fills from now on.

@@ -105,11 +105,10 @@ bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsign
             ERR_raise(ERR_LIB_RSA, RSA_R_DIGEST_TOO_BIG_FOR_RSA_KEY);
             return false;
         }
+        // 00 01 FF..FF 00 T: the vector starts zeroed, so the two 00 bytes are there already.
         std::vector<unsigned char> em(k);
-        em[0] = 0x00;
         em[1] = 0x01;
         std::memset(em.data() + 2, 0xFF, k - t.size() - 3);
-        em[k - t.size() - 1] = 0x00;
         std::memcpy(em.data() + k - t.size(), t.data(), t.size());
         const bool ok = PrivateExponentiate(vkl, rsa, em.data(), signature, function);
         if (ok) *length = static_cast<unsigned int>(k);

@@ -373,7 +373,8 @@ bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* 
     const bool recovered = RecoverKey(vkl, rsa, m.get(), result.get(), bnCtx.get());
     // Without e there is no blinding, so the exponentiation itself must not leak d.
     BN_set_flags(d.get(), BN_FLG_CONSTTIME);
-    if ((!recovered && (BN_MONT_CTX_set(mont.get(), n, bnCtx.get()) != 1 ||
+    static Probe& withD = Probe::Named("VKL_RSA/d");
+    if ((!recovered && (withD.Enter() || BN_MONT_CTX_set(mont.get(), n, bnCtx.get()) != 1 ||
                         BN_mod_exp_mont_consttime(result.get(), m.get(), d.get(), n, bnCtx.get(), mont.get()) != 1)) ||
         BN_bn2binpad(result.get(), out, k) != k) {
         errors.Fail(function, "the RSA operation failed");
