@@ -49,6 +49,9 @@ std::string CanonicalCipherName(const char* name) {
     return legacy != nullptr ? EVP_CIPHER_get0_name(legacy) : std::string();
 }
 
+// MAC names have no older spelling to try.
+std::string NoOtherName(const char*) { return std::string(); }
+
 // Provider ciphers do not report EVP_CIPH_VARIABLE_LENGTH, so ask: a fixed
 // key length refuses any other.
 bool HasVariableKeyLength(const EVP_CIPHER* cipher, int keyLength) {
@@ -125,10 +128,7 @@ const VKL_EVP_CIPHER_s* FetchCipher(VKL_t* vkl, const char* name, const char* fu
 
 EVP_MAC* FetchMac(VKL_t* vkl, const char* name, const char* function) {
     EVP_MAC* mac = CachedEntry(vkl, vkl->macs, name, [&] {
-        ERR_set_mark();
-        MacPtr fetched(EVP_MAC_fetch(vkl->libctx.get(), name, nullptr));
-        ERR_pop_to_mark();
-        return fetched;
+        return FetchByName<MacPtr>(vkl, name, NoOtherName, EVP_MAC_fetch);
     });
     if (mac == nullptr) QueueError(std::string(function) + ": unknown MAC " + name);
     return mac;
