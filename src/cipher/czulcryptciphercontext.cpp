@@ -203,7 +203,7 @@ bool CZulCryptCipherContext::SetKeyLength(int length) {
 
 bool CZulCryptCipherContext::SetPadding(bool padding) {
     if (!m_bStatus) return false;
-    if (VKL_EVP_CIPHER_CTX_set_padding(Vkl(), m_pCipherCtxWrap->m_pCipherCtx, padding ? 1 : 0) == 1) return true;
+    if (VKL_EVP_CIPHER_CTX_set_padding(Vkl(), m_pCipherCtxWrap->m_pCipherCtx, padding) == 1) return true;
     ZUL_REPORT_VKL_ERROR(m_rContext);
     return false;
 }
