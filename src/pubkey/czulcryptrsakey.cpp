@@ -52,9 +52,9 @@ void CZulCryptRSAKey::GenerateKey(int bits, unsigned long publicExponent) {
         ZUL_REPORT_VKL_ERROR(m_rContext);
         VKL_RSA_free(vkl, rsa);
     }
+    // Each failed attempt took its entries with its report, so nothing is left to drain here.
     std::string text = "Exceeded max attempts to produce RSAKey: ";
     m_rContext.GetError(text);
-    zul::DrainVklErrors(vkl);
     ZUL_REPORT(text.c_str());
 }
 
