@@ -245,7 +245,7 @@ void ErrorScope::Fail(const char* function, const char* cause) {
     int flags = 0;
     const unsigned long code = m_marked ? ERR_peek_last_error_all(nullptr, nullptr, nullptr, &data, &flags)
                                         : ERR_peek_error_all(nullptr, nullptr, nullptr, &data, &flags);
-    const std::string text = data != nullptr && (flags & ERR_TXT_STRING) != 0 ? data : "";
+    const std::string text = (flags & ERR_TXT_STRING) != 0 ? data : "";
     Drop();
     if (code != 0 && (!m_marked || ERR_peek_last_error() != code)) {
         if (text.empty()) {
