@@ -132,6 +132,7 @@ TEST_F(SignatureTest, Vectors) {
             call("Reset", {});
             ASSERT_TRUE(call("Set", {"Digest", "N", "D"}).ok);
             EXPECT_EQ(zultest::Hex(call("Sign", {"In"}).out), expected);
+            EXPECT_EQ(VKLTest_CallCount("VKL_RSA/recover"), valid ? 1u : 0u);
             EXPECT_EQ(zultest::Hex(call("Sign", {"In"}, "alloc").out), expected);
             EXPECT_EQ(zultest::Hex(call("VklSign", {"Digest", "N", "E", "D", "In"}).out), expected);
             EXPECT_EQ(zultest::TakeQueue(vkl), valid ? Texts{} : Texts{v.Text("SignError")});

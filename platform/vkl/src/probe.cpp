@@ -85,10 +85,6 @@ bool Probe::Fire() {
             --m_skip;
             return false;
         }
-        if (m_times == 0) {
-            m_state.store(kQuiet, std::memory_order_relaxed);
-            return false;
-        }
         if (m_times > 0 && --m_times == 0) m_state.store(kQuiet, std::memory_order_relaxed);
     }
     QueueError(std::string(m_name) + ": injected failure");
@@ -102,11 +98,9 @@ void Probe::Arm(unsigned skip, int times, long result) {
     m_state.store(times != 0 ? kArmed : kQuiet, std::memory_order_relaxed);
 }
 
+// A quiet probe never reads its skip, times or result; Arm sets all three.
 void Probe::Reset() {
     m_state.store(kQuiet, std::memory_order_relaxed);
-    m_skip = 0;
-    m_times = 0;
-    m_result = 0;
     m_count.store(0, std::memory_order_relaxed);
     m_lastLength.store(-1, std::memory_order_relaxed);
 }
@@ -133,7 +127,7 @@ void VKLTest_Reset(void) {
         for (auto& entry : registry.probes) entry.second->Reset();
         registry.forced.clear();
     }
-    for (auto& slot : vkl::g_log) slot.store(nullptr, std::memory_order_relaxed);
+    // The log is read up to g_logNext only, so older names need no clearing.
     vkl::g_logNext.store(0, std::memory_order_relaxed);
     vkl::g_resets.fetch_add(1, std::memory_order_relaxed);
     vkl::ResetAllocations();
