@@ -28,9 +28,11 @@ struct VKL_HMAC_CTX_s {
 
     ~VKL_HMAC_CTX_s() { ForgetKey(); }
 
+    // Wipes the key kept and holds none: until keyed again, no key matches.
     void ForgetKey() {
-        if (!key.empty()) OPENSSL_cleanse(key.data(), key.size());
+        OPENSSL_cleanse(key.data(), key.size());
         key.clear();
+        md = nullptr;
     }
 
     bool Holds(const unsigned char* other, size_t length, const VKL_EVP_MD_s* digest) const {
@@ -67,7 +69,6 @@ int Rekey(VKL_HMAC_CTX_s* ctx, const unsigned char* key, size_t length, const VK
                                                      const_cast<char*>(EVP_MD_get0_name(md->md.get())), 0);
     }
     ctx->ForgetKey();
-    ctx->md = nullptr;
     if (EVP_MAC_init(ctx->mac.get(), bytes, length, params) != 1) {
         vkl::QueueErrorIfEmpty(function, "keying the HMAC failed");
         return kFailed;
