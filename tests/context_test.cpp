@@ -168,13 +168,15 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
          [](const Args&) { return Result(VKL_EVP_MD_block_size(Vkl(), VKL_EVP_get_digestbyname(Vkl(), "SHA1"))); }},
         {"CtxNew", [](const Args&) { return Ok(VKL_CTX_new() != nullptr); }},
         // The record as "major minor description"; "untouched" when the call left it so.
+        // A last word "novkl" calls without the context.
         {"RawStatus",
          [](const Args& a) {
              VKL_STATUS_t status;
              std::memset(&status, 0x5a, sizeof status);
              int result = 0;
-             if (a[0].raw == "GetStatus") result = VKL_GetStatus(Vkl(), &status);
-             if (a[0].raw == "SelfTest") result = VKL_SelfTest(Vkl(), &status);
+             VKL_t* vkl = a.back().raw == "novkl" ? nullptr : Vkl();
+             if (a[0].raw == "GetStatus") result = VKL_GetStatus(vkl, &status);
+             if (a[0].raw == "SelfTest") result = VKL_SelfTest(vkl, &status);
              unsigned char seed[64] = {0};
              if (a[0].raw == "Seed") result = VKL_GenerateRandomSeed(Vkl(), &status, static_cast<int>(a[1].Number()), seed);
              zultest::Outcome outcome = Result(result);
@@ -192,8 +194,15 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              return Text(text.data());
          }},
         {"Reset", [](const Args&) { VKLTest_Reset(); return Ok(true); }},
-        // Nulls VKL_fn [vkl]: the function with null arguments (but the context, when asked).
-        {"Nulls", [](const Args& a) { return kNullCalls.at(a[0].raw)(a.size() > 1 ? Vkl() : nullptr); }},
+        // Nulls VKL_fn [vkl]: the function with null arguments (but the context, when asked);
+        // a refused call is still one the call count and fault injection see.
+        {"Nulls",
+         [](const Args& a) {
+             const unsigned long before = VKLTest_CallCount(a[0].raw.c_str());
+             zultest::Outcome outcome = kNullCalls.at(a[0].raw)(a.size() > 1 ? Vkl() : nullptr);
+             EXPECT_EQ(VKLTest_CallCount(a[0].raw.c_str()), before + 1) << a[0].raw << " is not counted";
+             return outcome;
+         }},
         {"GetCtx",
          [](const Args&) {
              VKL_t* handed = nullptr;

@@ -162,7 +162,10 @@ VKL_t* VKL_CTX_new(void) {
 
 // The member order of VKL_s releases the fetched algorithms and the providers
 // before their library context.
-void VKL_CTX_free(VKL_t* vkl) { delete vkl; }
+void VKL_CTX_free(VKL_t* vkl) {
+    VKL_ENTER(void);
+    delete vkl;
+}
 
 const char* VKL_Version(VKL_t*) { return OpenSSL_version(OPENSSL_VERSION); }
 
