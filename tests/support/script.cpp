@@ -201,6 +201,8 @@ void RunScripts(const std::string& file, const Driver& driver) {
                     VKLTest_FailCall(f[0].raw.c_str(), f.size() > 1 ? static_cast<unsigned>(f[1].Number()) : 0,
                                      f.size() > 3 ? static_cast<int>(f[3].Number()) : 1,
                                      f.size() > 2 ? f[2].Number() : -2);
+                } else if (key == "Reset") {
+                    VKLTest_Reset();
                 } else if (key == "Oom") {
                     EXPECT_EQ(VKLTest_FailAllocation(static_cast<unsigned long>(arg.Number())), 1);
                 } else if (key == "Allocations") {

@@ -18,6 +18,7 @@
 //   Queue = "text" "text"        the entries left on VKL's error queue (- for none), taken
 //   NoVkl = 1 / Fips = 1 / Override = 0 / LogLevel = N, before the first call,
 //                                set up the context the case's objects are made on
+//   Reset = 1                    VKLTest_Reset here: counts restart, kept RSA keys are forgotten
 //   Lost = N                     VKL handles the case loses on purpose; any other one
 //                                still alive at its end is a leak
 // Arguments are hex, "text" (\n for a line break), a number, - for null; a
