@@ -136,11 +136,9 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
                 ERR_raise(ERR_LIB_RSA, RSA_R_DATA_TOO_LARGE_FOR_KEY_SIZE);
                 return -1;
             }
-            // EM = 00 01 FF..FF 00 M (RFC 8017 section 9.2, with M as given).
-            em[0] = 0x00;
+            // EM = 00 01 FF..FF 00 M (RFC 8017 section 9.2, with M as given); em starts zeroed.
             em[1] = 0x01;
             std::memset(em.data() + 2, 0xFF, k - inLength - 3);
-            em[k - inLength - 1] = 0x00;
             std::memcpy(em.data() + k - inLength, from, inLength);
             if (PrivateExponentiate(vkl, rsa, em.data(), to, function)) result = static_cast<int>(k);
         } else {
