@@ -194,6 +194,28 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              return Text(text.data());
          }},
         {"Reset", [](const Args&) { VKLTest_Reset(); return Ok(true); }},
+        // Keyless sign|emptysign|hmac: SHA-256 signing with no key container or an empty one;
+        // an HMAC keyed for SHA-1, then started for SHA-256 with no key.
+        {"Keyless",
+         [](const Args& a) {
+             const VKL_EVP_MD_t* sha256 = VKL_EVP_get_digestbyname(Vkl(), "SHA256");
+             if (a[0].raw == "hmac") {
+                 VKL_HMAC_CTX_t* hmac = VKL_HMAC_CTX_new(Vkl());
+                 VKL_HMAC_Init(Vkl(), hmac, "k", 1, VKL_EVP_get_digestbyname(Vkl(), "SHA1"));
+                 zultest::Outcome outcome = Result(VKL_HMAC_Init(Vkl(), hmac, nullptr, 0, sha256));
+                 VKL_HMAC_CTX_free(Vkl(), hmac);
+                 return outcome;
+             }
+             VKL_EVP_MD_CTX_t* md = VKL_EVP_MD_CTX_new(Vkl());
+             VKL_EVP_PKEY_t* pkey = a[0].raw == "emptysign" ? VKL_EVP_PKEY_new(Vkl()) : nullptr;
+             unsigned char signature[512];
+             unsigned int length = 0;
+             VKL_EVP_DigestInit(Vkl(), md, sha256);
+             zultest::Outcome outcome = Result(VKL_EVP_SignFinal(Vkl(), md, signature, &length, pkey));
+             VKL_EVP_PKEY_free(Vkl(), pkey);
+             VKL_EVP_MD_CTX_free(Vkl(), md);
+             return outcome;
+         }},
         // Nulls VKL_fn [vkl]: the function with null arguments (but the context, when asked);
         // a refused call is still one the call count and fault injection see.
         {"Nulls",
