@@ -193,7 +193,6 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), text.data(), text.size());
              return Text(text.data());
          }},
-        {"Reset", [](const Args&) { VKLTest_Reset(); return Ok(true); }},
         // Keyless sign|emptysign|hmac: SHA-256 signing with no key container or an empty one;
         // an HMAC keyed for SHA-1, then started for SHA-256 with no key.
         {"Keyless",
