@@ -193,8 +193,9 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), text.data(), text.size());
              return Text(text.data());
          }},
-        // Keyless sign|emptysign|hmac: SHA-256 signing with no key container or an empty one;
-        // an HMAC keyed for SHA-1, then started for SHA-256 with no key.
+        // Keyless sign|emptysign|verify|hmac: SHA-256 signing with no key container or an empty
+        // one, verifying with a key that has no modulus; an HMAC keyed for SHA-1, then started
+        // for SHA-256 with no key.
         {"Keyless",
          [](const Args& a) {
              const VKL_EVP_MD_t* sha256 = VKL_EVP_get_digestbyname(Vkl(), "SHA256");
@@ -206,11 +207,17 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
                  return outcome;
              }
              VKL_EVP_MD_CTX_t* md = VKL_EVP_MD_CTX_new(Vkl());
-             VKL_EVP_PKEY_t* pkey = a[0].raw == "emptysign" ? VKL_EVP_PKEY_new(Vkl()) : nullptr;
-             unsigned char signature[512];
+             VKL_EVP_PKEY_t* pkey = a[0].raw == "sign" ? nullptr : VKL_EVP_PKEY_new(Vkl());
+             if (a[0].raw == "verify") {
+                 VKL_RSA_t* rsa = VKL_RSA_new(Vkl());
+                 VKL_EVP_PKEY_set1_RSA(Vkl(), pkey, rsa);
+                 VKL_RSA_free(Vkl(), rsa);
+             }
+             unsigned char signature[512] = {0};
              unsigned int length = 0;
              VKL_EVP_DigestInit(Vkl(), md, sha256);
-             zultest::Outcome outcome = Result(VKL_EVP_SignFinal(Vkl(), md, signature, &length, pkey));
+             zultest::Outcome outcome = Result(a[0].raw == "verify" ? VKL_EVP_VerifyFinal(Vkl(), md, signature, 64, pkey)
+                                                                   : VKL_EVP_SignFinal(Vkl(), md, signature, &length, pkey));
              VKL_EVP_PKEY_free(Vkl(), pkey);
              VKL_EVP_MD_CTX_free(Vkl(), md);
              return outcome;

@@ -11,6 +11,7 @@
 #include <openssl/bn.h>
 
 #include <czulcryptdh.h>
+#include <vkl_testing.h>
 
 #include "test_support.h"
 #include "vector_file.h"
@@ -69,6 +70,7 @@ TEST_F(VklDhTest, Rows) {
             {"bin2bn", [&] { return VKL_BN_bin2bn(v, missing == "in" ? nullptr : out, missing == "in" ? 1 : -1, nullptr) != nullptr; }},
             {"set_negative", [&] { return VKL_BN_set_negative(v, bn, 1) * 10 + VKL_BN_is_negative(v, bn); }},
         };
+        if (row.Has("Oom")) VKLTest_FailAllocation(static_cast<unsigned long>(row.Number("Oom")));
         EXPECT_EQ(calls.at(row.Text("Call"))(), row.Number("Result"));
         EXPECT_EQ(zultest::TakeQueue(vkl), row.Has("Queue") ? std::vector<std::string>{row.Text("Queue")} : std::vector<std::string>{});
         VKL_BN_free(vkl, peer);
