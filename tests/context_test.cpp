@@ -193,12 +193,12 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), text.data(), text.size());
              return Text(text.data());
          }},
-        // Keyless sign|emptysign|verify|hmac: SHA-256 signing with no key container or an empty
-        // one, verifying with a key that has no modulus; an HMAC keyed for SHA-1, then started
-        // for SHA-256 with no key.
-        {"Keyless",
+        // Without sign|emptysign|verify|hmac|digest|output: SHA-256 signing with no key container
+        // or an empty one, verifying with a key that has no modulus; an HMAC keyed for SHA-1,
+        // then started for SHA-256 with no key; a digest started with none, or finished into none.
+        {"Without",
          [](const Args& a) {
-             const VKL_EVP_MD_t* sha256 = VKL_EVP_get_digestbyname(Vkl(), "SHA256");
+             const VKL_EVP_MD_t* sha256 = a[0].raw == "digest" ? nullptr : VKL_EVP_get_digestbyname(Vkl(), "SHA256");
              if (a[0].raw == "hmac") {
                  VKL_HMAC_CTX_t* hmac = VKL_HMAC_CTX_new(Vkl());
                  VKL_HMAC_Init(Vkl(), hmac, "k", 1, VKL_EVP_get_digestbyname(Vkl(), "SHA1"));
@@ -215,9 +215,12 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              }
              unsigned char signature[512] = {0};
              unsigned int length = 0;
-             VKL_EVP_DigestInit(Vkl(), md, sha256);
-             zultest::Outcome outcome = Result(a[0].raw == "verify" ? VKL_EVP_VerifyFinal(Vkl(), md, signature, 64, pkey)
-                                                                   : VKL_EVP_SignFinal(Vkl(), md, signature, &length, pkey));
+             const int started = VKL_EVP_DigestInit(Vkl(), md, sha256);
+             zultest::Outcome outcome =
+                 Result(a[0].raw == "digest"   ? started
+                        : a[0].raw == "output" ? VKL_EVP_DigestFinal(Vkl(), md, nullptr, &length)
+                        : a[0].raw == "verify" ? VKL_EVP_VerifyFinal(Vkl(), md, signature, 64, pkey)
+                                               : VKL_EVP_SignFinal(Vkl(), md, signature, &length, pkey));
              VKL_EVP_PKEY_free(Vkl(), pkey);
              VKL_EVP_MD_CTX_free(Vkl(), md);
              return outcome;
