@@ -186,12 +186,13 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
              if (a[0].raw == "Seed" && result == 1) outcome.out.assign(seed, seed + 64);
              return outcome;
          }},
-        // The oldest queue entry's text in a buffer of the given size.
+        // The oldest queue entry's text in a buffer of the given size, with an 'x' after it.
         {"ErrorText",
          [](const Args& a) {
-             std::vector<char> text(static_cast<size_t>(a[0].Number()), 'x');
-             VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), text.data(), text.size());
-             return Text(text.data());
+             const size_t size = static_cast<size_t>(a[0].Number());
+             std::string text(size + 1, 'x');
+             VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), &text[0], size);
+             return Text(text.c_str());
          }},
         // Without sign|emptysign|verify|hmac|digest|output|padding: SHA-256 signing with no key
         // container or an empty one, verifying with a key that has no modulus; an HMAC keyed for
