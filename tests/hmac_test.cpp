@@ -35,12 +35,14 @@ zultest::Calls HmacCalls(CZulCryptContext& context) {
         Bytes data = a[0].IsNull() ? Bytes() : a[0].Bytes();
         unsigned char none = 0;
         unsigned char* in = a[0].IsNull() ? nullptr : data.empty() ? &none : data.data();
-        // Mac data [- for a null output | out] [length given instead of the data's]
+        // Mac data [- for a null output | nolength for a null length pointer | out]
+        //     [length given instead of the data's]
         const bool nullOut = a.size() > 1 && a[1].IsNull();
+        unsigned int* lengthOut = a.size() > 1 && a[1].raw == "nolength" ? nullptr : &length;
         const unsigned int dataLength = a.size() > 2 ? static_cast<unsigned int>(std::stoul(a[2].raw))
                                                      : static_cast<unsigned int>(data.size());
-        bool ok = allocating ? (*hmac)->GetHMAC(in, dataLength, nullOut ? nullptr : &allocated, &length)
-                             : (*hmac)->GetHMAC(in, dataLength, nullOut ? nullptr : out, &length);
+        bool ok = allocating ? (*hmac)->GetHMAC(in, dataLength, nullOut ? nullptr : &allocated, lengthOut)
+                             : (*hmac)->GetHMAC(in, dataLength, nullOut ? nullptr : out, lengthOut);
         zultest::Outcome outcome = zultest::Bytes(ok, allocated, length);
         outcome.number = length;
         if (allocating && ok) std::free(allocated);
