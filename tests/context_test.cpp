@@ -189,9 +189,8 @@ zultest::Calls ContextCalls(CZulCryptContext& given) {
         // The oldest queue entry's text in a buffer of the given size, with an 'x' after it.
         {"ErrorText",
          [](const Args& a) {
-             const size_t size = static_cast<size_t>(a[0].Number());
-             std::string text(size + 1, 'x');
-             VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), &text[0], size);
+             std::string text(static_cast<size_t>(a[0].Number()) + 1, 'x');
+             VKL_ERR_error_string_n(Vkl(), VKL_ERR_get_error(Vkl()), &text[0], text.size() - 1);
              return Text(text.c_str());
          }},
         // Without sign|emptysign|verify|hmac|digest|output|padding: SHA-256 signing with no key

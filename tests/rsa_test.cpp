@@ -94,18 +94,20 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
              return zultest::Number(made.KeySize());
          }},
         // Bits of n e d p q dmp1 dmq1 iqmp in a record built from the key, whose p was set to 1
-        // first; - for none. "Fields key check": Ok is VKL's own check of that record.
+        // first; - for none. "Fields key check": Ok is VKL's own check of that record. "Fields key
+        // none" builds into a holder of no record instead (and, as every Fields, into no holder).
         {"Fields",
          [=](const Args& a) {
              const std::shared_ptr<VKL_RSA_t> rsa = Record(vkl, {{"-"}, {"-"}, {"-"}, {"01"}});
-             C_VKL_RSA_Wrap wrap(rsa.get());
+             C_VKL_RSA_Wrap wrap(a.size() > 1 && a[1].raw == "none" ? nullptr : rsa.get());
              key(a[0]).BuildKeyStruct(&wrap);
+             key(a[0]).BuildKeyStruct(nullptr);
              std::string text;
              for (VKL_BIGNUM_t* field : {rsa->n, rsa->e, rsa->d, rsa->p, rsa->q, rsa->dmp1, rsa->dmq1, rsa->iqmp}) {
                  text += (text.empty() ? "" : " ") + (field ? std::to_string(VKL_BN_num_bits(vkl, field)) : "-");
              }
              zultest::Outcome outcome = zultest::Text(text.c_str());
-             outcome.ok = a.size() > 1 && VKL_RSA_check_key(vkl, rsa.get()) == 1;
+             outcome.ok = a.size() > 1 && a[1].raw == "check" && VKL_RSA_check_key(vkl, rsa.get()) == 1;
              return outcome;
          }},
         // Every operation of a big number 01 00 01 that needs VKL; Out is its value after them.
