@@ -98,8 +98,9 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
         // none" builds into a holder of no record instead (and, as every Fields, into no holder).
         {"Fields",
          [=](const Args& a) {
+             const std::string mode = a.size() > 1 ? a[1].raw : "";
              const std::shared_ptr<VKL_RSA_t> rsa = Record(vkl, {{"-"}, {"-"}, {"-"}, {"01"}});
-             C_VKL_RSA_Wrap wrap(a.size() > 1 && a[1].raw == "none" ? nullptr : rsa.get());
+             C_VKL_RSA_Wrap wrap(mode == "none" ? nullptr : rsa.get());
              key(a[0]).BuildKeyStruct(&wrap);
              key(a[0]).BuildKeyStruct(nullptr);
              std::string text;
@@ -107,7 +108,7 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
                  text += (text.empty() ? "" : " ") + (field ? std::to_string(VKL_BN_num_bits(vkl, field)) : "-");
              }
              zultest::Outcome outcome = zultest::Text(text.c_str());
-             outcome.ok = a.size() > 1 && a[1].raw == "check" && VKL_RSA_check_key(vkl, rsa.get()) == 1;
+             outcome.ok = mode == "check" && VKL_RSA_check_key(vkl, rsa.get()) == 1;
              return outcome;
          }},
         // Every operation of a big number 01 00 01 that needs VKL; Out is its value after them.
