@@ -29,8 +29,10 @@ long VectorCase::Number(const std::string& name) const { return std::stol(fields
 
 std::vector<VectorCase> ReadVectors(const std::string& name) {
     std::vector<VectorCase> cases;
-    std::string path = std::string(ZUL_TEST_DATA_DIR) + "/" + name;
+    // Outside known-answer data lives in tests/vectors, the cases of our own in tests/data.
+    std::string path = std::string(ZUL_TEST_DIR) + "/vectors/" + name;
     std::ifstream in(path);
+    if (!in) in.open(path = std::string(ZUL_TEST_DIR) + "/data/" + name);
     if (!in) {
         ADD_FAILURE() << "cannot read " << path;
         return cases;

@@ -1,4 +1,4 @@
-// Reader of the test vector files in tests/data.
+// Reader of the test vector files: tests/vectors (outside data), else tests/data.
 //
 // A file is a list of cases separated by blank lines. Each case is a set of
 // "Name = value" lines; a value is hex, or text in double quotes. "#" starts a
@@ -34,7 +34,7 @@ public:
     std::string where;
 };
 
-// Reads tests/data/<name>; fails the calling test (ADD_FAILURE) when the file cannot be read.
+// Reads tests/vectors/<name>, or tests/data/<name> when there is none; fails the calling test (ADD_FAILURE) when the file cannot be read.
 std::vector<VectorCase> ReadVectors(const std::string& name);
 
 // The first valid SHA-256 signature of a message in rsa_signature.vec (made by the openssl
