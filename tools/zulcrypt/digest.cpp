@@ -92,8 +92,9 @@ int Hmac(DigestOptions& options, Streams& io) {
     const int status = AddInput("hmac", options.file, inner, io);
     if (status != 0) return status == 1 ? Failed(capture, "hmac", io) : status;
     for (size_t i = 0; i < block; ++i) pad[i] = key[i] ^ 0x5c;
-    if (!inner.GetMessageDigest(digest.data(), &length) || !outer.AddData(pad.data(), static_cast<unsigned int>(block)) ||
-        !outer.AddData(digest.data(), length) || !outer.GetMessageDigest(digest.data(), &length)) {
+    if (!inner.GetMessageDigest(digest.data(), &length) ||
+        !outer.AddData(pad.data(), static_cast<unsigned int>(block)) || !outer.AddData(digest.data(), length) ||
+        !outer.GetMessageDigest(digest.data(), &length)) {
         return Failed(capture, "hmac", io);
     }
     io.out << ToHex<SecretText>(digest.data(), length) << '\n';
