@@ -19,7 +19,7 @@ namespace {
 
 class ZulcryptTest : public zultest::PlatformTest {};
 
-// Run stdin word...: the exit status as Result, standard output as Out and
+// Run stdin word... ("text"*N a word of N copies): the exit status as Result, standard output as Out and
 // standard error as Text. Binary word...: the built tool, standard output only.
 // Write file bytes / Read file: files under $tmp.
 zultest::Calls ZulcryptCalls(CZulCryptContext&) {
@@ -36,7 +36,10 @@ zultest::Calls ZulcryptCalls(CZulCryptContext&) {
          [=](const Args& a) {
              const auto input = a[0].Bytes();
              std::vector<std::string> words = {"zulcrypt"};
-             for (size_t i = 1; i < a.size(); ++i) words.push_back(a[i].Text());
+             for (size_t i = 1; i < a.size(); ++i) {
+                 const auto text = a[i].raw[0] == '"' ? a[i].Bytes() : std::vector<unsigned char>();
+                 words.push_back(a[i].raw[0] == '"' ? std::string(text.begin(), text.end()) : a[i].Text());
+             }
              std::vector<char*> argv;
              for (std::string& word : words) argv.push_back(word.data());
              std::istringstream in(std::string(input.begin(), input.end()));

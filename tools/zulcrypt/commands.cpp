@@ -33,7 +33,28 @@ void WipeResults(const CLI::App& app) {
     for (const CLI::App* sub : app.get_subcommands({})) WipeResults(*sub);
 }
 
+// By the names operators use (upper case), with the VKL name of each.
+const std::map<std::string, std::string> kAuthDigests = {
+    {"MD5", "MD5"},       {"SHA1", "SHA1"},     {"SHA", "SHA1"},      {"SHA-1", "SHA1"},
+    {"SHA224", "SHA224"}, {"SHA-224", "SHA224"}, {"SHA256", "SHA256"}, {"SHA-256", "SHA256"},
+    {"SHA384", "SHA384"}, {"SHA-384", "SHA384"}, {"SHA512", "SHA512"}, {"SHA-512", "SHA512"},
+};
+
 }  // namespace
+
+const char* DigestList(bool snmpOnly) {
+    return snmpOnly ? "MD5, SHA1, SHA224, SHA256, SHA384 or SHA512 (also SHA, SHA-1, SHA-256, ...), in any case"
+                    : "MD5, SHA1, SHA224, SHA256, SHA384, SHA512, SHA3-224, SHA3-256, SHA3-384 or SHA3-512"
+                      " (also SHA, SHA-1, SHA-256, ...), in any case";
+}
+
+CLI::Validator DigestChoice(bool snmpOnly) {
+    std::map<std::string, std::string> names = kAuthDigests;
+    if (!snmpOnly) {
+        for (const char* name : {"SHA3-224", "SHA3-256", "SHA3-384", "SHA3-512"}) names[name] = name;
+    }
+    return Choice(std::move(names), DigestList(snmpOnly));
+}
 
 CLI::Validator Choice(std::map<std::string, std::string> names, const std::string& accepted) {
     return CLI::Validator(

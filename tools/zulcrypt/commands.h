@@ -39,6 +39,11 @@ void AddUsmCommands(CLI::App& app, Actions& actions);
 // is accepted.
 CLI::Validator Choice(std::map<std::string, std::string> names, const std::string& accepted);
 
+// The digests a command takes, as the refusal and the help list them: the SNMP
+// authentication digests only, or those and SHA-3.
+const char* DigestList(bool snmpOnly);
+CLI::Validator DigestChoice(bool snmpOnly);
+
 // Print "zulcrypt COMMAND: why" on standard error, Usage followed by " (see
 // zulcrypt COMMAND --help)"; both return 2, the status of bad usage or input.
 int Refused(Streams& io, const char* command, const std::string& why);

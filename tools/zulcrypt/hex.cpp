@@ -29,16 +29,22 @@ bool DecodeHex(const char* text, size_t length, unsigned char* out) {
     return true;
 }
 
-bool FromLooseHex(const std::string& text, Bytes& out) {
+bool ReadHex(const std::string& text, const char* argument, Bytes& out, std::string& why) {
     const size_t start = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? 2 : 0;
     SecretText digits;
     digits.reserve(text.size());
     for (size_t i = start; i < text.size(); ++i) {
         if (text[i] != ':') digits += text[i];
     }
-    if (digits.size() % 2 != 0) return false;
+    // The value is not repeated: it may be a key.
+    if (digits.size() % 2 != 0) {
+        why = std::string("bad hex in ") + argument + ": an odd number of digits";
+        return false;
+    }
     out.assign(digits.size() / 2, 0);
-    return DecodeHex(digits.data(), digits.size(), out.data());
+    if (DecodeHex(digits.data(), digits.size(), out.data())) return true;
+    why = std::string("bad hex in ") + argument + ": not a hex digit";
+    return false;
 }
 
 }  // namespace zulcrypt

@@ -37,9 +37,11 @@ bool FromHex(const std::string& text, std::vector<unsigned char, Alloc>& out) {
     return DecodeHex(text.data(), text.size(), out.data());
 }
 
-// As FromHex, but also takes a 0x prefix and ':' between digits, as engine
-// IDs and keys are often written by SNMP tools.
-bool FromLooseHex(const std::string& text, Bytes& out);
+// Reads a command's hex argument into out: digits in either case, with a 0x
+// prefix and ':' between digits allowed, as SNMP tools write engine IDs and keys.
+// False, with why naming the argument, on an odd number of digits or any other
+// character.
+bool ReadHex(const std::string& text, const char* argument, Bytes& out, std::string& why);
 
 }  // namespace zulcrypt
 

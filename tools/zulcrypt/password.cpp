@@ -9,62 +9,88 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "files.h"
+
 namespace zulcrypt {
 namespace {
 
-// A line ends at "\n" or "\r\n"; neither belongs to the password.
-void DropLineEnd(Bytes& line) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-}
-
-void ReadLine(std::istream& in, Bytes& line) {
+// The line next() gives byte by byte (-1 at its end, -2 on a read error with
+// error set), without "\n" or "\r\n"; bounded, so that /dev/zero is no password.
+template <class Next>
+bool ReadLine(Next next, const std::string& source, int& error, Bytes& line, std::string& why) {
     line.clear();
-    // Character by character, so no stream buffer of ours keeps the rest.
-    for (int c = in.get(); c != std::char_traits<char>::eof() && c != '\n'; c = in.get()) {
+    for (int c = next(); c != -1 && c != '\n'; c = next()) {
+        if (c == -2) {
+            why = "cannot read " + source + ": " + std::strerror(error);
+            return false;
+        }
+        if (line.size() == kMaxPasswordLine) {
+            why = "cannot read " + source + ": no password line ends within " + std::to_string(kMaxPasswordLine) +
+                  " bytes";
+            return false;
+        }
         line.push_back(static_cast<unsigned char>(c));
     }
-    DropLineEnd(line);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return true;
+}
+
+// Character by character, so no stream buffer of ours keeps the rest.
+bool ReadInput(Streams& io, Bytes& line, std::string& why) {
+    int error = EIO;
+    const auto next = [&] {
+        const int c = io.in.get();
+        return c != std::char_traits<char>::eof() ? c : io.in.bad() ? -2 : -1;
+    };
+    return ReadLine(next, "standard input", error, line, why);
+}
+
+// With echo off; an interrupt meanwhile puts the terminal back first.
+bool ReadTerminal(Streams& io, Bytes& line, std::string& why) {
+    termios saved{};
+    if (tcgetattr(STDIN_FILENO, &saved) != 0) return ReadInput(io, line, why);
+    termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    GuardTerminal(&saved);
+    const bool quieted = tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) == 0;
+    const bool read = quieted && ReadInput(io, line, why);
+    if (!quieted) why = std::string("cannot turn echo off: ") + std::strerror(errno);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    GuardTerminal(nullptr);
+    return read;
 }
 
 }  // namespace
 
 bool ReadPasswordFile(const std::string& path, Streams& io, Bytes& password, std::string& why) {
-    if (path == "-") {
-        ReadLine(io.in, password);
-        return true;
-    }
+    if (path == "-") return io.terminal ? ReadTerminal(io, password, why) : ReadInput(io, password, why);
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int error = errno;
     if (fd < 0) {
-        why = "cannot read " + path + ": " + std::strerror(errno);
-        return false;
-    }
-    password.clear();
-    // Byte by byte, so neither a stdio buffer nor the rest of the file is read.
-    unsigned char c = 0;
-    ssize_t got = 0;
-    while ((got = read(fd, &c, 1)) == 1 && c != '\n') password.push_back(c);
-    const int error = errno;
-    close(fd);
-    if (got < 0) {
         why = "cannot read " + path + ": " + std::strerror(error);
         return false;
     }
-    DropLineEnd(password);
-    return true;
+    // Byte by byte, so neither a stdio buffer nor the rest of the file is read.
+    const auto next = [&] {
+        unsigned char c = 0;
+        ssize_t got = 0;
+        while ((got = read(fd, &c, 1)) < 0 && errno == EINTR) {
+        }
+        error = errno;
+        return got == 1 ? c : got == 0 ? -1 : -2;
+    };
+    const bool read = ReadLine(next, path, error, password, why);
+    close(fd);
+    return read;
 }
 
-bool PromptPassword(const char* prompt, Streams& io, Bytes& password) {
-    termios saved{};
-    if (!io.terminal || tcgetattr(STDIN_FILENO, &saved) != 0) return false;
-    termios quiet = saved;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+bool PromptPassword(const char* prompt, Streams& io, Bytes& password, std::string& why) {
+    if (!io.terminal) return false;
     io.err << prompt << std::flush;
-    if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) != 0) return false;
-    ReadLine(io.in, password);
-    tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    const bool read = ReadTerminal(io, password, why);
     // The typed Enter was not echoed.
     io.err << '\n';
-    return true;
+    return read;
 }
 
 }  // namespace zulcrypt

@@ -23,14 +23,6 @@
 namespace zulcrypt {
 namespace {
 
-// Authentication digests by the names operators use (matched without regard
-// to case), with the VKL name of each.
-const std::map<std::string, std::string> kAuthDigests = {
-    {"MD5", "MD5"},       {"SHA1", "SHA1"},     {"SHA", "SHA1"},      {"SHA-1", "SHA1"},
-    {"SHA224", "SHA224"}, {"SHA-224", "SHA224"}, {"SHA256", "SHA256"}, {"SHA-256", "SHA256"},
-    {"SHA384", "SHA384"}, {"SHA-384", "SHA384"}, {"SHA512", "SHA512"}, {"SHA-512", "SHA512"},
-};
-
 // How a privacy key longer than the localised key is grown from it. The two
 // published methods give different keys from one password, so each protocol
 // name is bound to the one its agents use.
@@ -205,16 +197,20 @@ int UsmKeys(UsmOptions& o, Streams& io) {
     }
     if (!authGiven) {
         const char* prompt = privGiven ? "authentication password: " : "password (authentication and privacy): ";
-        if (!PromptPassword(prompt, io, authPassword)) {
-            return Usage(io, kName,
-                         "a password is required: --password-file FILE, --auth-password-file FILE or a terminal");
+        if (!PromptPassword(prompt, io, authPassword, why)) {
+            return !why.empty() ? Refused(io, kName, why)
+                                : Usage(io, kName,
+                                        "a password is required: --password-file FILE, --auth-password-file FILE or a"
+                                        " terminal");
         }
         if (!privGiven) privPassword = authPassword;
         privGiven = true;
     }
-    if (!privGiven && !PromptPassword("privacy password: ", io, privPassword)) {
-        return Usage(io, kName,
-                     "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE or a terminal");
+    if (!privGiven && !PromptPassword("privacy password: ", io, privPassword, why)) {
+        return !why.empty() ? Refused(io, kName, why)
+                            : Usage(io, kName,
+                                    "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE"
+                                    " or a terminal");
     }
     if (authPassword.empty() || (priv != nullptr && privPassword.empty())) return Usage(io, kName, "empty password");
     if (onCommandLine) {
@@ -236,7 +232,7 @@ int UsmKeys(UsmOptions& o, Streams& io) {
         }
     }
     Bytes engineId;
-    if (!FromLooseHex(o.engineId, engineId)) return Usage(io, kName, "bad hex in --engine-id: '" + o.engineId + "'");
+    if (!ReadHex(o.engineId, "--engine-id", engineId, why)) return Usage(io, kName, why);
     if (engineId.size() < kMinEngineId || engineId.size() > kMaxEngineId) {
         return Usage(io, kName,
                      "an engine ID is 5 to 32 octets long (RFC 3411), not " + std::to_string(engineId.size()));
@@ -291,15 +287,18 @@ struct KeyChangeOptions {
 int KeyChange(KeyChangeOptions& o, Streams& io) {
     static const char kName[] = "keychange";
     Bytes oldKey, newKey, random;
-    const bool oldHex = FromLooseHex(o.oldKey, oldKey), newHex = FromLooseHex(o.newKey, newKey);
+    std::string why;
+    const bool hex = ReadHex(o.oldKey, "--old", oldKey, why) && ReadHex(o.newKey, "--new", newKey, why);
     Wipe(o.oldKey);
     Wipe(o.newKey);
-    if (!oldHex) return Usage(io, kName, "bad hex in --old");
-    if (!newHex) return Usage(io, kName, "bad hex in --new");
+    if (!hex) return Usage(io, kName, why);
     if (newKey.empty()) return Usage(io, kName, "empty key");
-    if (oldKey.size() != newKey.size()) return Usage(io, kName, "old and new keys differ in length");
+    if (oldKey.size() != newKey.size()) {
+        return Usage(io, kName, "the old key is " + std::to_string(oldKey.size()) + " bytes, the new one " +
+                                    std::to_string(newKey.size()) + "; a key keeps its length");
+    }
     if (!o.random.empty()) {
-        if (!FromLooseHex(o.random, random)) return Usage(io, kName, "bad hex in --random: '" + o.random + "'");
+        if (!ReadHex(o.random, "--random", random, why)) return Usage(io, kName, why);
         if (random.size() != newKey.size()) return Usage(io, kName, "the random value must be as long as the keys");
     } else {
         random.assign(newKey.size(), 0);
@@ -311,6 +310,13 @@ int KeyChange(KeyChangeOptions& o, Streams& io) {
 
     Session session;
     if (!session.Usable()) return Failed(io, kName, "crypto context", "not usable");
+    // A wrong KeyChange value for an authentication key locks the user out; a
+    // privacy key (16 bytes for DES and AES-128) may rightly differ.
+    const int digestLength = session.DigestLength(digest);
+    if (digestLength > 0 && newKey.size() != static_cast<size_t>(digestLength)) {
+        io.err << "zulcrypt keychange: warning: the keys are " << newKey.size() << " bytes; an authentication key for "
+               << digest << " is " << digestLength << "\n";
+    }
     // RFC 3414 section 5, KeyChange: each digest-sized stretch of the new key is
     // XORed with digest(previous digest | random), the first one seeded with the old key.
     Bytes delta(newKey.size()), temp = oldKey;
@@ -326,14 +332,11 @@ int KeyChange(KeyChangeOptions& o, Streams& io) {
     return 0;
 }
 
-const char kDigestChoices[] =
-    "MD5, SHA1, SHA224, SHA256, SHA384 or SHA512 (also SHA, SHA-1, SHA-256, ...), in any case";
-
 CLI::Option* AddDigestOption(CLI::App* sub, std::string& digest) {
-    return sub->add_option("--auth", digest, std::string("the authentication digest: ") + kDigestChoices)
+    return sub->add_option("--auth", digest, std::string("the authentication digest: ") + DigestList(true))
         ->required()
         ->type_name("DIGEST")
-        ->transform(Choice(kAuthDigests, kDigestChoices));
+        ->transform(DigestChoice(true));
 }
 
 // The privacy protocols as the help lists them, one line each from the table.
@@ -368,7 +371,7 @@ void AddUsmCommands(CLI::App& app, Actions& actions) {
     AddPasswordOption(sub, usm->auth, "auth-password", "the authentication password");
     AddPasswordOption(sub, usm->priv, "priv-password", "the privacy password");
     sub->add_option("--engine-id", usm->engineId,
-                    "the authoritative engine's ID in hex (0x and ':' allowed), 5 to 32 octets")
+                    "the authoritative engine's ID in hex (0x and ':' allowed, as for every hex value), 5 to 32 octets")
         ->required()
         ->type_name("HEX");
     AddDigestOption(sub, usm->digest);
@@ -381,8 +384,9 @@ void AddUsmCommands(CLI::App& app, Actions& actions) {
     sub->footer(R"(Passwords:
   Without a password option and with a terminal on standard input, the password is asked for
   without echo. A file gives its first line, line ending removed; with - for more than one
-  option, standard input gives one line each, in the order password, auth, priv. A password
-  given on the command line works, with a warning: ps and the shell history see it.
+  option, standard input gives one line each, in the order password, auth, priv, read without
+  echo from a terminal. A line is at most 1024 bytes: a longer one (/dev/zero) is refused. A
+  password given on the command line works, with a warning: ps and the shell history see it.
 
 Checks:
   An engine ID outside 5 to 32 octets is refused (RFC 3411). A password shorter than 8
@@ -404,7 +408,9 @@ Example (RFC 3414 A.3.2):
     sub->add_option("--new", change->newKey, "the new key in hex, as long as the old")->required()->type_name("HEX");
     sub->add_option("--random", change->random, "the random value in hex, as long as the keys; drawn when not given")
         ->type_name("HEX");
-    sub->footer("Prints random, delta and KeyChange (random followed by delta) in lower-case hex.\n\n"
+    sub->footer("Prints random, delta and KeyChange (random followed by delta) in lower-case hex. Keys of\n"
+                "different lengths are refused; keys not of the digest's size draw a warning, since an\n"
+                "authentication key is that long and a wrong KeyChange value locks the user out.\n\n"
                 "Example (RFC 3414 A.5.2):\n"
                 "  zulcrypt keychange --auth SHA1 --old 6695febc9288e36282235fc7151f128497b38f3f \\\n"
                 "    --new 78e2dcce79d59403b58c1bbaa5bff46391f1cd25 --random 0000000000000000000000000000000000000000");

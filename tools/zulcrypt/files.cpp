@@ -1,0 +1,151 @@
+#include "files.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <istream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zulcrypt {
+namespace {
+
+// What the signal handler undoes; plain data, as a handler may only read that.
+termios g_terminal{};
+volatile sig_atomic_t g_hasTerminal = 0;
+char g_temp[PATH_MAX] = "";
+bool g_installed = false;
+struct sigaction g_previous[2];
+const int kSignals[] = {SIGINT, SIGTERM};
+
+void OnSignal(int signal) {
+    if (g_hasTerminal != 0) tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_terminal);
+    if (g_temp[0] != '\0') unlink(g_temp);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+// Handlers only while there is something to undo, the caller's back after.
+void Install() {
+    const bool wanted = g_hasTerminal != 0 || g_temp[0] != '\0';
+    if (wanted == g_installed) return;
+    struct sigaction action {};
+    action.sa_handler = OnSignal;
+    sigemptyset(&action.sa_mask);
+    for (int i = 0; i < 2; ++i) {
+        sigaction(kSignals[i], wanted ? &action : &g_previous[i], wanted ? &g_previous[i] : nullptr);
+    }
+    g_installed = wanted;
+}
+
+std::string Why(const char* what, const std::string& path, int error) {
+    return std::string(what) + " " + path + ": " + std::strerror(error);
+}
+
+}  // namespace
+
+void GuardTerminal(const termios* saved) {
+    g_hasTerminal = 0;
+    if (saved != nullptr) g_terminal = *saved;
+    g_hasTerminal = saved != nullptr;
+    Install();
+}
+
+void GuardTemporary(const char* path) {
+    g_temp[0] = '\0';
+    // A name too long to keep is left behind, as before this guard.
+    if (path != nullptr && std::strlen(path) < sizeof g_temp) std::strcpy(g_temp, path);
+    Install();
+}
+
+Input::~Input() {
+    if (m_fd >= 0) close(m_fd);
+}
+
+bool Input::Open(const std::string& path, std::istream& in, std::string& why) {
+    m_path = path;
+    if (path == "-") {
+        m_stream = &in;
+        return true;
+    }
+    m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_fd < 0) why = Why("cannot read", path, errno);
+    return m_fd >= 0;
+}
+
+long Input::Read(unsigned char* data, size_t size, std::string& why) {
+    if (m_stream != nullptr) {
+        m_stream->read(reinterpret_cast<char*>(data), static_cast<std::streamsize>(size));
+        if (m_stream->bad()) why = "cannot read standard input";
+        return m_stream->bad() ? -1 : static_cast<long>(m_stream->gcount());
+    }
+    ssize_t got = 0;
+    while ((got = read(m_fd, data, size)) < 0 && errno == EINTR) {
+    }
+    if (got < 0) why = Why("cannot read", m_path, errno);
+    return static_cast<long>(got);
+}
+
+Output::~Output() {
+    if (m_fd >= 0) close(m_fd);
+    if (!m_temp.empty()) {
+        unlink(m_temp.c_str());
+        GuardTemporary(nullptr);
+    }
+}
+
+bool Output::Open(const std::string& path, std::string& why) {
+    struct stat status {};
+    const bool exists = stat(path.c_str(), &status) == 0;
+    // Not a file to replace (or a symlink to nothing yet): written in place.
+    if ((exists && !S_ISREG(status.st_mode)) || (!exists && lstat(path.c_str(), &status) == 0)) {
+        m_fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (m_fd < 0) why = Why("cannot write", path, errno);
+        return m_fd >= 0;
+    }
+    m_path = path;
+    if (char* target = exists ? realpath(path.c_str(), nullptr) : nullptr) {
+        m_path = target;
+        std::free(target);
+    }
+    std::string name = m_path + ".XXXXXX";
+    m_fd = mkstemp(&name[0]);
+    if (m_fd < 0 || (exists && fchmod(m_fd, status.st_mode & 07777) != 0)) {
+        why = Why("cannot write", path, errno);
+        if (m_fd >= 0) unlink(name.c_str());
+        return false;
+    }
+    m_temp = name;
+    GuardTemporary(m_temp.c_str());
+    return true;
+}
+
+bool Output::Write(const unsigned char* data, size_t length) {
+    while (length > 0) {
+        const ssize_t done = write(m_fd, data, length);
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        data += done;
+        length -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+bool Output::Commit() {
+    // Only a file being replaced needs to be on disk first; a FIFO cannot be synced.
+    const bool synced = m_temp.empty() || fsync(m_fd) == 0;
+    const bool closed = close(m_fd) == 0;
+    m_fd = -1;
+    if (!synced || !closed) return false;
+    if (m_temp.empty()) return true;
+    if (rename(m_temp.c_str(), m_path.c_str()) != 0) return false;
+    m_temp.clear();
+    GuardTemporary(nullptr);
+    return true;
+}
+
+}  // namespace zulcrypt
