@@ -52,12 +52,11 @@ bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 // kept; the error queue is left as it was.
 PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa);
 
-// For a record holding n and d but no e, met for the first time in this context: recovers the
-// complete key and computes out = in^d mod n with it (CRT, blinded), n odd and `in` below it. True when
-// it did, the key then kept; false when the key is known already, no usual public exponent
-// fits d, the factors found are not primes, or the recovery failed (tried again next time).
-// The caller then exponentiates with d. The error queue is left as it was.
-bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out, BN_CTX* ctx);
+// For a record holding n and d but no e: the complete key, recovered now when the record is met
+// for the first time in this context (and kept), or kept from before. Null when no usual public
+// exponent fits d, the factors found are not primes, or the recovery failed (tried again next
+// time); the caller then exponentiates with d. The error queue is left as it was.
+PkeyPtr RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx);
 
 // Modulus length in bytes.
 int ModulusBytes(const VKL_RSA_t* rsa);
