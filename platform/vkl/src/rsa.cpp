@@ -121,7 +121,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
     }
     const bool isPrivate = operation == Operation::kPrivateEncrypt || operation == Operation::kPrivateDecrypt;
     if (isPrivate ? !HasPrivateKey(rsa, function) : !HasPublicKey(rsa, function)) return -1;
-    if (!ModulusSizeUsable(rsa, function)) return -1;
+    if (!ModulusSizeUsable(rsa, function) || !ExponentsUsable(rsa, isPrivate, function)) return -1;
     ErrorScope errors;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     const size_t inLength = static_cast<size_t>(length);
@@ -275,6 +275,23 @@ bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function) {
     if (ModulusBytes(rsa) < kMinModulusBytes) {
         QueueError(std::string(function) + ": the modulus has " + std::to_string(bits) +
                    " bits, PKCS #1 v1.5 padding needs at least " + std::to_string(8 * kMinModulusBytes));
+        return false;
+    }
+    return true;
+}
+
+bool ExponentsUsable(const VKL_RSA_t* rsa, bool withPrivate, const char* function) {
+    const BIGNUM* n = rsa->n->bn.get();
+    const BIGNUM* e = rsa->e != nullptr ? rsa->e->bn.get() : nullptr;
+    if (e != nullptr && (BN_ucmp(e, n) >= 0 || (BN_num_bits(n) > kSmallModulusBits &&
+                                                BN_num_bits(e) > kMaxPublicExponentBits))) {
+        ERR_raise(ERR_LIB_RSA, RSA_R_BAD_E_VALUE);
+        return false;
+    }
+    const int dBits = withPrivate ? BN_num_bits(rsa->d->bn.get()) : 0;
+    if (dBits > BN_num_bits(n)) {
+        QueueError(std::string(function) + ": the private exponent has " + std::to_string(dBits) +
+                   " bits, more than the modulus's " + std::to_string(BN_num_bits(n)));
         return false;
     }
     return true;
