@@ -1,6 +1,7 @@
 // RSA records, key generation and raw RSA with PKCS #1 v1.5 padding.
 // A private key given as n and d only is completed once per context (e among 65537, 3, 5, 17, 257, p and
-// q from e·d − 1) and kept, for OpenSSL's CRT with blinding; a d that fits none gives m^d mod n, constant-time.
+// q from e·d − 1, both prime) and kept, for OpenSSL's CRT with blinding; a d that fits none, or whose
+// factors are not prime, gives m^d mod n, constant-time.
 #include <climits>
 #include <cstring>
 #include <new>
