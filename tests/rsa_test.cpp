@@ -1,10 +1,12 @@
 // RSA keys and raw RSA as the scripts of tests/data/rsa_raw.vec (known answers, with each key
 // complete, as n and d and as n and e) and tests/data/rsa_scripts.vec (generation, the copying
-// rules, bounds, refusals and failures, and every public key class on a context without VKL).
+// rules, bounds, refusals and failures, and every public key class on a context without VKL);
+// tests/vectors/rsa_composite.vec, an (n, d) whose factor search meets a composite.
 #include <gtest/gtest.h>
 
 #include <czulcryptdh.h>
 #include <czulcryptrsacalculator.h>
+#include <vkl_testing.h>
 
 #include "script.h"
 #include "test_support.h"
@@ -150,6 +152,20 @@ zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL
 TEST_F(RsaTest, Scripts) {
     for (const char* file : {"rsa_raw.vec", "rsa_scripts.vec"}) {
         zultest::RunScripts(file, [this](CZulCryptContext& on) { return RsaCalls(on, *context, vkl); });
+    }
+}
+
+// A composite factor, the smaller or the larger, that passes a Fermat test for half of all bases:
+// every fresh context, whatever bases it draws, gives m^d mod n.
+TEST_F(RsaTest, CompositeFactor) {
+    zultest::Calls calls = RsaCalls(*context, *context, vkl);
+    for (const zultest::VectorCase& v : zultest::ReadVectors("rsa_composite.vec")) {
+        calls.at("Key")({{"k"}, {"private"}, {v.fields.at("N")}, {v.fields.at("D")}});
+        for (int i = 0; i < 20; ++i) {
+            VKLTest_Reset();
+            EXPECT_EQ(zultest::Hex(calls.at("PrivEnc")({{"k"}, {v.fields.at("In")}}).out), zultest::Hex(v.Bytes("Out")))
+                << v.Where();
+        }
     }
 }
 

@@ -89,14 +89,15 @@ void CZulCryptRSAKey::BuildKeyStruct(C_VKL_RSA_Wrap* rsa) const {
         {m_pD, &record->d},       {m_pDmp1, &record->dmp1}, {m_pDmq1, &record->dmq1}, {m_pIqmp, &record->iqmp}};
     for (const auto& component : components) {
         if (component.first == nullptr) continue;
-        VKL_BIGNUM_t* number = VKL_BN_new(vkl);
+        // What the field held goes either way: left in place, a reused record would operate with
+        // another key's number (its d, say); missing, the operation fails.
+        if (*component.second != nullptr) VKL_BN_clear_free(vkl, *component.second);
+        *component.second = VKL_BN_new(vkl);
+        VKL_BIGNUM_t* number = *component.second;
         if (number == nullptr) {
-            // The field stays as it was; the operation then fails on the missing component.
             ZUL_REPORT_VKL_ERROR(m_rContext);
             continue;
         }
-        if (*component.second != nullptr) VKL_BN_clear_free(vkl, *component.second);
-        *component.second = number;
         C_VKL_BIGNUM_Wrap wrap(number);
         if (!component.first->PopulateNumber(&wrap)) {
             // Left as zero it would be used as a zero exponent; missing, the operation fails.

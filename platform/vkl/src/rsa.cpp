@@ -1,6 +1,7 @@
 // RSA records, key generation and raw RSA with PKCS #1 v1.5 padding.
 // A private key given as n and d only is completed once per context (e among 65537, 3, 5, 17, 257, p and
-// q from e·d − 1) and kept, for OpenSSL's CRT with blinding; a d that fits none gives m^d mod n, constant-time.
+// q from e·d − 1, both prime) and kept, for OpenSSL's CRT with blinding; a d that fits none, or whose
+// factors are not prime, gives m^d mod n, constant-time.
 #include <climits>
 #include <cstring>
 #include <new>
@@ -121,7 +122,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
     }
     const bool isPrivate = operation == Operation::kPrivateEncrypt || operation == Operation::kPrivateDecrypt;
     if (isPrivate ? !HasPrivateKey(rsa, function) : !HasPublicKey(rsa, function)) return -1;
-    if (!ModulusSizeUsable(rsa, function)) return -1;
+    if (!ModulusSizeUsable(rsa, function) || !ExponentsUsable(rsa, isPrivate, function)) return -1;
     ErrorScope errors;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     const size_t inLength = static_cast<size_t>(length);
@@ -280,6 +281,23 @@ bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function) {
     return true;
 }
 
+bool ExponentsUsable(const VKL_RSA_t* rsa, bool withPrivate, const char* function) {
+    const BIGNUM* n = rsa->n->bn.get();
+    const BIGNUM* e = rsa->e != nullptr ? rsa->e->bn.get() : nullptr;
+    if (e != nullptr && (BN_ucmp(e, n) >= 0 || (BN_num_bits(n) > kSmallModulusBits &&
+                                                BN_num_bits(e) > kMaxPublicExponentBits))) {
+        ERR_raise(ERR_LIB_RSA, RSA_R_BAD_E_VALUE);
+        return false;
+    }
+    const int dBits = withPrivate ? BN_num_bits(rsa->d->bn.get()) : 0;
+    if (dBits > BN_num_bits(n)) {
+        QueueError(std::string(function) + ": the private exponent has " + std::to_string(dBits) +
+                   " bits, more than the modulus's " + std::to_string(BN_num_bits(n)));
+        return false;
+    }
+    return true;
+}
+
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function) {
     if (rsa == nullptr || rsa->n == nullptr) {
         QueueError(std::string(function) + ": the key has no modulus");
@@ -367,13 +385,26 @@ bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* 
         ERR_raise(ERR_LIB_RSA, RSA_R_DATA_TOO_LARGE_FOR_MODULUS);
         return false;
     }
-    // A key met for the first time is completed, and this operation done with its primes.
-    const bool recovered = RecoverKey(vkl, rsa, m.get(), result.get(), bnCtx.get());
+    // A key met for the first time is completed, and this operation done by OpenSSL with it:
+    // the private operation without padding is em^d mod n.
+    const PkeyPtr key = RecoverKey(vkl, rsa, bnCtx.get());
+    if (key) {
+        PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), key.get(), nullptr));
+        size_t written = static_cast<size_t>(k);
+        if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
+            EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) != 1 ||
+            EVP_PKEY_decrypt(ctx.get(), out, &written, em, static_cast<size_t>(k)) != 1 ||
+            written != static_cast<size_t>(k)) {
+            errors.Fail(function, "the RSA operation failed");
+            return false;
+        }
+        return true;
+    }
     // Without e there is no blinding, so the exponentiation itself must not leak d.
     BN_set_flags(d.get(), BN_FLG_CONSTTIME);
     static Probe& withD = Probe::Named("VKL_RSA/d");
-    if ((!recovered && (withD.Enter() || BN_MONT_CTX_set(mont.get(), n, bnCtx.get()) != 1 ||
-                        BN_mod_exp_mont_consttime(result.get(), m.get(), d.get(), n, bnCtx.get(), mont.get()) != 1)) ||
+    if (withD.Enter() || BN_MONT_CTX_set(mont.get(), n, bnCtx.get()) != 1 ||
+        BN_mod_exp_mont_consttime(result.get(), m.get(), d.get(), n, bnCtx.get(), mont.get()) != 1 ||
         BN_bn2binpad(result.get(), out, k) != k) {
         errors.Fail(function, "the RSA operation failed");
         return false;

@@ -52,18 +52,21 @@ bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 // kept; the error queue is left as it was.
 PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa);
 
-// For a record holding n and d but no e, met for the first time in this context: recovers the
-// complete key and computes out = in^d mod n with it (CRT, blinded), n odd and `in` below it. True when
-// it did, the key then kept; false when the key is known already, no usual public exponent
-// fits d, the factors found are not primes, or the recovery failed (tried again next time).
-// The caller then exponentiates with d. The error queue is left as it was.
-bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out, BN_CTX* ctx);
+// For a record holding n and d but no e: the complete key, recovered now when the record is met
+// for the first time in this context (and kept), or kept from before. Null when no usual public
+// exponent fits d, the factors found are not primes, or the recovery failed (tried again next
+// time); the caller then exponentiates with d. The error queue is left as it was.
+PkeyPtr RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx);
 
 // Modulus length in bytes.
 int ModulusBytes(const VKL_RSA_t* rsa);
 
 // The largest modulus VKL works with, OpenSSL's bound for its public operations.
 constexpr int kMaxModulusBits = 16384;
+// OpenSSL's bound for e in its public operations: at most 64 bits above 3072-bit moduli (its
+// headers give them only to code that uses its deprecated API).
+constexpr int kSmallModulusBits = 3072;
+constexpr int kMaxPublicExponentBits = 64;
 // The smallest modulus PKCS #1 v1.5 padding fits: 00, the block type, eight padding bytes and 00.
 constexpr int kMinModulusBytes = 11;
 
@@ -71,6 +74,13 @@ constexpr int kMinModulusBytes = 11;
 // own "modulus too large", as a public operation on it does; a smaller one queues
 // "<function>: the modulus has <n> bits, PKCS #1 v1.5 padding needs at least 88".
 bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function);
+
+// Whether the record's exponents (n present, and d when `withPrivate`) are within bounds, checked
+// before any exponentiation, whose cost follows its exponent's length. An e that OpenSSL's public
+// operations refuse (not below n, or over 64 bits with a modulus over 3072 bits) queues OpenSSL's
+// own "bad e value", as they do; a d longer than n "<function>: the private exponent has <d>
+// bits, more than the modulus's <n>".
+bool ExponentsUsable(const VKL_RSA_t* rsa, bool withPrivate, const char* function);
 
 // out = em^d mod n, as many bytes as the modulus, with a constant-time exponentiation.
 // `em` is the modulus length. False with the cause queued.

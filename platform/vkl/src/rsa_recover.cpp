@@ -1,6 +1,6 @@
 // Complete RSA keys from n and d: the public exponent among the usual ones, the primes from
-// e·d − 1, the CRT values, kept per context so that a signer pays for them once. The first
-// operation with a key is done here by a blinded CRT; later ones by OpenSSL with the kept key.
+// e·d − 1, the CRT values, kept per context so that a signer pays for them once. Every operation
+// with a completed key, the first one too, is OpenSSL's (blinded, constant-time CRT).
 #include <algorithm>
 #include <mutex>
 #include <utility>
@@ -94,62 +94,18 @@ bool Factor(const BIGNUM* n, const BIGNUM* d, unsigned long e, Factors& out, BN_
     return false;
 }
 
-// The number below n that is mp modulo p and mq modulo q (Garner's formula).
-bool Combine(BIGNUM* out, const BIGNUM* mp, const BIGNUM* mq, const Factors& f, BN_CTX* ctx) {
-    BnPtr h(BN_new());
-    return h && BN_mod_sub(h.get(), mp, mq, f.p.get(), ctx) == 1 &&
-           BN_mod_mul(h.get(), h.get(), f.qinv.get(), f.p.get(), ctx) == 1 &&
-           BN_mul(out, h.get(), f.q.get(), ctx) == 1 && BN_add(out, out, mq) == 1;
-}
-
-// Fermat tests of p and q with random bases, whose by-products are q⁻¹ mod p and a random
-// blinding value x with x⁻¹ mod n. With u = q·s mod p (s random), u^(p − 2) is u⁻¹ when p is
-// prime, so u^(p − 2)·u ≡ 1 tests p and u^(p − 2)·s is q⁻¹; v^(q − 2)·v ≡ 1 tests q for a random
-// v. x is the number that is u modulo p and v modulo q, its inverse the one that is u⁻¹ and v⁻¹.
-// Two primes make (r^d)^e ≡ r for every r, which blinding relies on; a composite that divides n
-// passes for few bases, bar Carmichael numbers, for which that holds as well.
-bool ProbablyPrimes(Factors& f, BIGNUM* x, BIGNUM* xInverse, BN_CTX* ctx, bool& failed) {
-    BnPtr s(BN_new()), u(BN_new()), v(BN_new()), pm2(BN_dup(f.p.get())), qm2(BN_dup(f.q.get()));
-    BnPtr a(BN_new()), b(BN_new()), check(BN_new());
-    failed = !s || !u || !v || !pm2 || !qm2 || !a || !b || !check || BN_sub_word(pm2.get(), 2) != 1 ||
-             BN_sub_word(qm2.get(), 2) != 1;
-    if (failed) return false;
-    BN_set_flags(pm2.get(), BN_FLG_CONSTTIME);
-    BN_set_flags(qm2.get(), BN_FLG_CONSTTIME);
-    // Both in one call, as OpenSSL's own CRT does: that is what lets it use its fastest exponentiation.
-    failed = BN_priv_rand_range_ex(s.get(), f.p.get(), 0, ctx) != 1 ||
-             BN_priv_rand_range_ex(v.get(), f.q.get(), 0, ctx) != 1 ||
-             BN_mod_mul(u.get(), f.q.get(), s.get(), f.p.get(), ctx) != 1 ||
-             BN_mod_exp_mont_consttime_x2(a.get(), u.get(), pm2.get(), f.p.get(), nullptr, b.get(), v.get(), qm2.get(),
-                                          f.q.get(), nullptr, ctx) != 1 ||
-             BN_mod_mul(check.get(), a.get(), u.get(), f.p.get(), ctx) != 1;
-    if (failed || !BN_is_one(check.get())) return false;
-    failed = BN_mod_mul(check.get(), b.get(), v.get(), f.q.get(), ctx) != 1;
-    if (failed || !BN_is_one(check.get())) return false;
-    failed = BN_mod_mul(f.qinv.get(), a.get(), s.get(), f.p.get(), ctx) != 1 ||
-             !Combine(x, u.get(), v.get(), f, ctx) || !Combine(xInverse, a.get(), b.get(), f, ctx);
+// A key whose factors are not both prime would make OpenSSL's CRT give other results than m^d mod n,
+// and its check with e can pass all the same: a composite P = r·(2r − 1) passes a Fermat test for half
+// of all bases. Miller-Rabin with OpenSSL's rounds for the size (64 for 2048 bits and below) lets a
+// composite through with a chance below 2^-128. Also q⁻¹ mod p, without a branch on the secrets.
+bool Primes(Factors& f, BN_CTX* ctx, bool& failed) {
+    const int p = BN_check_prime(f.p.get(), ctx, nullptr);
+    const int q = p == 1 ? BN_check_prime(f.q.get(), ctx, nullptr) : 0;
+    failed = p < 0 || q < 0;
+    if (q != 1) return false;
+    BN_set_flags(f.q.get(), BN_FLG_CONSTTIME);
+    failed = BN_mod_inverse(f.qinv.get(), f.q.get(), f.p.get(), ctx) == nullptr;
     return !failed;
-}
-
-// out = in^d mod n by CRT on in·x^e, whose d-th power is in^d·x. The result is checked with
-// e, as OpenSSL checks its own CRT: false (not `failed`) when it does not match.
-bool BlindedCrt(const BIGNUM* n, unsigned long e, Factors& f, const BIGNUM* x, const BIGNUM* xInverse,
-                const BIGNUM* in, BIGNUM* out, BN_CTX* ctx, bool& failed) {
-    BnPtr exponent(BN_new()), blinded(BN_new()), mp(BN_new()), mq(BN_new()), rp(BN_new()), rq(BN_new());
-    BnPtr check(BN_new());
-    BN_set_flags(f.dp.get(), BN_FLG_CONSTTIME);
-    BN_set_flags(f.dq.get(), BN_FLG_CONSTTIME);
-    failed = !exponent || !blinded || !mp || !mq || !rp || !rq || !check || BN_set_word(exponent.get(), e) != 1 ||
-             BN_mod_exp_mont(blinded.get(), x, exponent.get(), n, ctx, nullptr) != 1 ||
-             BN_mod_mul(blinded.get(), blinded.get(), in, n, ctx) != 1 ||
-             BN_nnmod(mp.get(), blinded.get(), f.p.get(), ctx) != 1 ||
-             BN_nnmod(mq.get(), blinded.get(), f.q.get(), ctx) != 1 ||
-             BN_mod_exp_mont_consttime_x2(rp.get(), mp.get(), f.dp.get(), f.p.get(), nullptr, rq.get(), mq.get(),
-                                          f.dq.get(), f.q.get(), nullptr, ctx) != 1 ||
-             !Combine(blinded.get(), rp.get(), rq.get(), f, ctx) ||
-             BN_mod_mul(out, blinded.get(), xInverse, n, ctx) != 1 ||
-             BN_mod_exp_mont(check.get(), out, exponent.get(), n, ctx, nullptr) != 1;
-    return !failed && BN_cmp(check.get(), in) == 0;
 }
 
 bool PushSecret(OSSL_PARAM_BLD* bld, const char* key, BIGNUM* number) {
@@ -244,29 +200,27 @@ PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa) {
     return key;
 }
 
-bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out, BN_CTX* ctx) {
+PkeyPtr RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx) {
     const BIGNUM* n = rsa->n->bn.get();
     const BIGNUM* d = rsa->d->bn.get();
     // d of 0 or 1 fits no key.
-    if (BN_cmp(d, BN_value_one()) <= 0) return false;
+    if (BN_cmp(d, BN_value_one()) <= 0) return nullptr;
     ErrorScope errors;
     KeyId id;
     PkeyPtr key;
     if (!MakeKeyId(vkl, rsa, id) || Lookup(vkl, id, key)) {
         OPENSSL_cleanse(id.data(), id.size());
         errors.Drop();
-        return false;
+        return key;
     }
     Factors factors;
-    BnPtr x(BN_new()), xInverse(BN_new());
-    bool failed = !factors.Made() || !x || !xInverse;
+    bool failed = !factors.Made();
     unsigned long e = 0;
     for (unsigned long candidate : kUsualExponents) {
         if (failed || e != 0) break;
         if (Factor(n, d, candidate, factors, ctx, failed)) e = candidate;
     }
-    if (!failed && e != 0 && ProbablyPrimes(factors, x.get(), xInverse.get(), ctx, failed) &&
-        BlindedCrt(n, e, factors, x.get(), xInverse.get(), in, out, ctx, failed)) {
+    if (!failed && e != 0 && Primes(factors, ctx, failed)) {
         key = Import(vkl, n, e, d, factors);
         failed = !key;
     }
@@ -280,7 +234,7 @@ bool RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, const BIGNUM* in, BIGNUM* out,
     if (!failed) Remember(vkl, id, key);
     OPENSSL_cleanse(id.data(), id.size());
     errors.Drop();
-    return key != nullptr;
+    return key;
 }
 
 }  // namespace vkl
