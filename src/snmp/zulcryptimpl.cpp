@@ -11,6 +11,7 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/sizes.h"
 
 namespace {
 
@@ -20,8 +21,8 @@ constexpr size_t kMsgSize = ZULVKL_ERROR_MSG_SIZE;
 // RFC 3414 A.2: one mebibyte of the repeated password, hashed 64 bytes at a time.
 constexpr size_t kKeyPiece = 64;
 constexpr unsigned kKeyPieces = 16384;
-// The longest digest VKL's HMAC makes (SHA-512).
-constexpr size_t kMaxMac = 64;
+// The longest digest the library knows; a longer answer from VKL is refused.
+constexpr size_t kMaxMac = zul::kDigestSize.most;
 // The longest extended key: AES-256 and 3DES-EDE need 32 bytes; 64 leaves room for more.
 constexpr uint32_t kMaxExtendedKey = 64;
 
@@ -73,6 +74,16 @@ int Report(ZulVklStatusWrap& status, const char* format, const char* name, Args.
     FormatInto(cut, sizeof cut, "%.*s%s", static_cast<int>(std::min(keep, sizeof cut - sizeof kMark)), name, kMark);
     FormatInto(status.errorMsg, kMsgSize, format, cut, args...);
     return 0;
+}
+
+// A size VKL answers that no algorithm has is the operation's failure, told in the status
+// record; 0 for the caller to return.
+template <class Query, class Type>
+int SizeOrReport(ZulVklStatusWrap& status, Query query, VKL_t& vkl, const Type* type, int& size) {
+    std::string why;
+    size = query(&vkl, type, &why);
+    if (size < 0) Write(status, why.c_str());
+    return size < 0 ? 0 : 1;
 }
 
 // The text, then what VKL says about the failed call; 0 for the caller to return.
@@ -176,13 +187,17 @@ const VKL_EVP_CIPHER_t* FindCheckedCipher(VKL_t& vkl, const char* name, const Zu
         Report(status, "Failed to get cipher by name for algorithm: %s\n", name);
         return nullptr;
     }
-    const int ivLength = VKL_EVP_CIPHER_iv_length(&vkl, cipher);
+    int ivLength = 0;
+    int keyLength = 0;
+    if (SizeOrReport(status, zul::CipherIvLength, vkl, cipher, ivLength) == 0 ||
+        SizeOrReport(status, zul::CipherKeyLength, vkl, cipher, keyLength) == 0) {
+        return nullptr;
+    }
     if (static_cast<long long>(iv.length) != ivLength) {
         Report(status, "Incorrect iv length for %s encryption/decryption. Required %d but got %u\n", name, ivLength,
                static_cast<unsigned>(iv.length));
         return nullptr;
     }
-    const int keyLength = VKL_EVP_CIPHER_key_length(&vkl, cipher);
     if (static_cast<long long>(key.length) != keyLength) {
         Report(status, "Incorrect key length for %s encryption/decryption. Required %d but got %u\n", name, keyLength,
                static_cast<unsigned>(key.length));
@@ -197,6 +212,9 @@ int CipherInit(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklCo
     zul::DropVklFailure(&vkl, VKL_EVP_CIPHER_CTX_init(&vkl, &ctx));
     const VKL_EVP_CIPHER_t* cipher = FindCheckedCipher(vkl, name, key, iv, status);
     if (cipher == nullptr) return 0;
+    // The caller sizes its output areas by the block size returned, so it is known first.
+    int block = 0;
+    if (SizeOrReport(status, zul::CipherBlockSize, vkl, cipher, block) == 0) return 0;
     if (encrypt) {
         const int result = VKL_EVP_EncryptInit(&vkl, &ctx, cipher, key.data, iv.data);
         if (result != 1) return FailWith(status, vkl, "Encryption initialisation failed ", result);
@@ -211,7 +229,7 @@ int CipherInit(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklCo
             return 0;
         }
     }
-    return VKL_EVP_CIPHER_block_size(&vkl, cipher);
+    return block;
 }
 
 int CipherFinalise(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklBuffer& out,
@@ -335,9 +353,9 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for key generation\n", digest);
     int result = VKL_EVP_DigestInit(&vkl, &md, type);
     if (result != 1) return FailWith(status, vkl, "key digest initialisation failed ", result);
-    if (static_cast<long long>(key.length) != VKL_EVP_MD_size(&vkl, type)) {
-        // A failed size query queues an entry that this text replaces.
-        zul::DrainVklErrors(&vkl);
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
+    if (static_cast<long long>(key.length) != size) {
         return Report(status, "Incorrect buffer size for %s digest key generation", digest);
     }
     unsigned char piece[kKeyPiece];
@@ -358,8 +376,9 @@ int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
                             ZulVklConstBuffer& key, ZulVklBuffer& localisedKey, ZulVklStatusWrap& status) {
     const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for local key generation", digest);
-    if (static_cast<long long>(localisedKey.length) != VKL_EVP_MD_size(&vkl, type)) {
-        zul::DrainVklErrors(&vkl);
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
+    if (static_cast<long long>(localisedKey.length) != size) {
         return Report(status, "Incorrect buffer size for %s digest local key generation", digest);
     }
     const uint64_t total = 2 * static_cast<uint64_t>(key.length) + engineId.length;
@@ -391,8 +410,9 @@ int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
     result = VKL_EVP_DigestUpdate(&vkl, &md, first.data, first.length);
     if (result == 1) result = VKL_EVP_DigestUpdate(&vkl, &md, second.data, second.length);
     if (result != 1) return FailWith(status, vkl, "key change digest update failed ", result);
-    const int size = VKL_EVP_MD_size(&vkl, type);
-    auto* block = static_cast<unsigned char*>(std::malloc(size > 0 ? static_cast<size_t>(size) : 1));
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
+    auto* block = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(size)));
     if (block == nullptr) return Write(status, kOutOfMemory);
     result = VKL_EVP_DigestFinal(&vkl, &md, block, nullptr);
     if (result != 1) {
@@ -423,14 +443,12 @@ int ZulVklMdExtendKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
     const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for key extension", digest);
     if (localisedKey.length >= wanted) {
-        std::memcpy(extendedKey.data, localisedKey.data, wanted);
+        // The caller may cut a key in place.
+        std::memmove(extendedKey.data, localisedKey.data, wanted);
         return 1;
     }
-    const int size = VKL_EVP_MD_size(&vkl, type);
-    if (size <= 0) return FailWith(status, vkl, "key extension digest size failed ", size);
-    if (static_cast<size_t>(size) > kMaxMac) {
-        return Report(status, "The %s message digest is too long for key extension", digest);
-    }
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
     const auto step = static_cast<uint32_t>(size);
     // The key grows by whole digests and stops at the first length past the one asked.
     SecretBytes<kMaxExtendedKey + kMaxMac> key;
@@ -464,7 +482,7 @@ int ZulVklMdExtendKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
 
 int ZulVklMdDigestLengthImpl(VKL_t& vkl, const char* digest) {
     const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
-    return type != nullptr ? VKL_EVP_MD_size(&vkl, type) : 0;
+    return type != nullptr ? std::max(zul::DigestSize(&vkl, type), 0) : 0;
 }
 
 // ---- Privacy ciphers ----
@@ -472,13 +490,15 @@ int ZulVklMdDigestLengthImpl(VKL_t& vkl, const char* digest) {
 int ZulVklCipherRequiredKeySizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
     const VKL_EVP_CIPHER_t* type = FindCipher(vkl, cipher);
     if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
-    return VKL_EVP_CIPHER_key_length(&vkl, type);
+    int size = 0;
+    return SizeOrReport(status, zul::CipherKeyLength, vkl, type, size) == 1 ? size : 0;
 }
 
 int ZulVklCipherRequiredIvSizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
     const VKL_EVP_CIPHER_t* type = FindCipher(vkl, cipher);
     if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
-    return VKL_EVP_CIPHER_iv_length(&vkl, type);
+    int size = 0;
+    return SizeOrReport(status, zul::CipherIvLength, vkl, type, size) == 1 ? size : 0;
 }
 
 int ZulVklCipherSetPaddingImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, int padding, ZulVklStatusWrap& status) {
@@ -579,10 +599,8 @@ int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* d
     }
     // Finished beside the caller's area, so a failure leaves that area as it was.
     unsigned char mac[kMaxMac];
-    if (VKL_EVP_MD_size(&vkl, type) > static_cast<int>(sizeof mac)) {
-        zul::DrainVklErrors(&vkl);  // told in this library's words, as a lookup miss is
-        return Report(status, "The %s message digest is too long for an HMAC", digest);
-    }
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
     unsigned int written = 0;
     result = VKL_HMAC_Final(&vkl, &hmac, mac, &written);
     if (result != 1) return FailWith(status, vkl, "HMAC finalisation failed ", result);
