@@ -36,6 +36,21 @@ void SetOrReportError(ZulVklStatusWrap* status, const char* text) {
     }
 }
 
+// Records that point nowhere are refused with the null arguments: an input may lack its
+// bytes only when it has none, and an area the caller provides must be there.
+bool Missing(const ZulVklConstBuffer* in) { return in == nullptr || (in->data == nullptr && in->length != 0); }
+
+bool Missing(const ZulVklBuffer* out) { return out == nullptr || out->data == nullptr; }
+
+// A null entry is not missing here: the operation tells it in its own words.
+bool MissingPiece(ZulVklConstBuffer* const* in, unsigned int count) {
+    if (in == nullptr) return true;
+    for (unsigned int i = 0; i < count; ++i) {
+        if (in[i] != nullptr && Missing(in[i])) return true;
+    }
+    return false;
+}
+
 // Bytes of room left in errorMsg after msgLen, which callers may have moved.
 size_t Room(const ZulVklStatusWrap& status) {
     return status.msgLen < kMsgSize ? kMsgSize - static_cast<size_t>(status.msgLen) : 0;
@@ -705,7 +720,7 @@ int ZulVklMdGenerateKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* dig
                         ZulVklBuffer* key, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || password == nullptr || key == nullptr ||
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(password) || Missing(key) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklDigestGenerateKey");
         return 0;
@@ -717,8 +732,8 @@ int ZulVklMdLocaliseKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* dig
                         ZulVklConstBuffer* key, ZulVklBuffer* localisedKey, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || engineId == nullptr || key == nullptr ||
-        localisedKey == nullptr || status == nullptr) {
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(engineId) || Missing(key) ||
+        Missing(localisedKey) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklDigestLocaliseKey");
         return 0;
     }
@@ -729,7 +744,7 @@ int ZulVklMdKeyChangeDigest(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char*
                             ZulVklConstBuffer* second, ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || first == nullptr || second == nullptr ||
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(first) || Missing(second) ||
         out == nullptr || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklMdKeyChangeDigest");
         return 0;
@@ -742,8 +757,8 @@ int ZulVklMdExtendKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* diges
                       ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || engineId == nullptr || localisedKey == nullptr ||
-        extendedKey == nullptr || status == nullptr) {
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(engineId) || Missing(localisedKey) ||
+        Missing(extendedKey) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklMdExtendKey");
         return 0;
     }
@@ -788,7 +803,7 @@ int ZulVklCipherEncryptInit(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, con
                             ZulVklConstBuffer* key, ZulVklConstBuffer* iv, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || key == nullptr || iv == nullptr ||
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(key) || Missing(iv) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptInit");
         return 0;
@@ -800,7 +815,7 @@ int ZulVklCipherDecryptInit(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, con
                             ZulVklConstBuffer* key, ZulVklConstBuffer* iv, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || key == nullptr || iv == nullptr ||
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(key) || Missing(iv) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptInit");
         return 0;
@@ -813,8 +828,8 @@ int ZulVklCipherEncryptUpdate(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, c
                               ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || in == nullptr || out == nullptr ||
-        status == nullptr) {
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || MissingPiece(in, count) ||
+        Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptUpdate");
         return 0;
     }
@@ -825,7 +840,7 @@ int ZulVklCipherDecryptUpdate(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, c
                               ZulVklConstBuffer* in, ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || in == nullptr || out == nullptr ||
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(in) || Missing(out) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptUpdate");
         return 0;
@@ -837,7 +852,7 @@ int ZulVklCipherEncryptFinalise(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle,
                                 ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || out == nullptr || status == nullptr) {
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptFinalise");
         return 0;
     }
@@ -848,7 +863,7 @@ int ZulVklCipherDecryptFinalise(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle,
                                 ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || out == nullptr || status == nullptr) {
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptFinalise");
         return 0;
     }
@@ -860,8 +875,8 @@ int ZulVklHmacGenerateDigest(ZulVklCtxWrap* ctx, ZulVklHmacCtxWrap* hmac, const 
                              ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_HMAC_CTX_t* hmacCtx = ZulVklWrapConvert(hmac);
-    if (vkl == nullptr || hmacCtx == nullptr || digest == nullptr || in == nullptr || key == nullptr ||
-        out == nullptr || status == nullptr) {
+    if (vkl == nullptr || hmacCtx == nullptr || digest == nullptr || MissingPiece(in, count) || Missing(key) ||
+        Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklHmacGenerateDigest");
         return 0;
     }
