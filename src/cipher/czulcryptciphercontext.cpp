@@ -14,6 +14,7 @@ namespace {
 
 constexpr char kZulFile[] = "czulcryptciphercontext";
 constexpr char kInvalidState[] = "VKL Context in an invalid state";
+constexpr int kIvRoom = zul::kCipherIvLength.most;
 
 const char* DataOrNull(const unsigned char* data) { return data != nullptr ? "DATA" : "NULL"; }
 
@@ -107,18 +108,16 @@ bool CZulCryptCipherContext::SetType(const char* name, const unsigned char* key,
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return false;
     }
-    // The IV copy is sized by it.
+    // As many bytes of the caller's IV are read.
     const int required = ZUL_SIZE(CipherIvLength, vkl, *m_pCipher);
     if (required < 0) return false;
     if (ivLength != 0 && ivLength != required) return false;
     ReleaseIv();
-    m_pIv = new unsigned char[static_cast<size_t>(required)];
-    m_ivLength = required;
-    if (iv != nullptr) {
-        std::memcpy(m_pIv, iv, static_cast<size_t>(required));
-    } else {
-        std::memset(m_pIv, 0, static_cast<size_t>(required));
-    }
+    // Room for the longest IV, zeros past the one given: VKL reads what its cipher needs,
+    // whatever length it answered.
+    m_pIv = new unsigned char[kIvRoom]();
+    m_ivLength = kIvRoom;
+    if (iv != nullptr) std::memcpy(m_pIv, iv, static_cast<size_t>(required));
     const int defaultLength = keyLength != 0 ? ZUL_SIZE(CipherKeyLength, vkl, *m_pCipher) : 0;
     if (defaultLength < 0) return false;
     VKL_EVP_CIPHER_CTX_t* ctx = m_pCipherCtxWrap->m_pCipherCtx;

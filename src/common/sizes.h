@@ -26,11 +26,13 @@ constexpr SizeKind kCipherIvLength{"cipher IV length", 0, 16};      // ECB has n
 constexpr SizeKind kModulusSize{"modulus size", 1, 2048};           // 16384 bits
 constexpr SizeKind kBigNumBits{"big number bit count", 0, 65535};   // what a packet can state
 
+inline bool InRange(const SizeKind& kind, int answer) { return answer >= kind.least && answer <= kind.most; }
+
 // The answer when the kind allows it; otherwise -1, with why (when given) holding the reason:
 // VKL's own entry for the failed question, or, when VKL queued none, the answer it gave.
 // VKL's queue is left empty either way.
 inline int CheckedSize(VKL_t* vkl, const SizeKind& kind, int answer, std::string* why) {
-    if (answer >= kind.least && answer <= kind.most) return answer;
+    if (InRange(kind, answer)) return answer;
     const unsigned long code = VKL_ERR_get_error(vkl);
     if (why != nullptr && code != 0) {
         char text[256] = "";

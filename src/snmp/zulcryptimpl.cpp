@@ -42,6 +42,12 @@ bool Missing(const ZulVklConstBuffer* in) { return in == nullptr || (in->data ==
 
 bool Missing(const ZulVklBuffer* out) { return out == nullptr || out->data == nullptr; }
 
+// An empty record may point nowhere, which memcpy may not be handed even for no bytes.
+unsigned char* CopyIn(unsigned char* to, const ZulVklConstBuffer& from) {
+    if (from.length != 0) std::memcpy(to, from.data, from.length);
+    return to + from.length;
+}
+
 // A null entry is not missing here: the operation tells it in its own words.
 bool MissingPiece(ZulVklConstBuffer* const* in, unsigned int count) {
     if (in == nullptr) return true;
@@ -404,9 +410,7 @@ int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     WorkArea work(static_cast<size_t>(total));
     if (work.Data() == nullptr) return Write(status, kOutOfMemory);
     // RFC 3414 A.2.2: key | engine ID | key.
-    std::memcpy(work.Data(), key.data, key.length);
-    std::memcpy(work.Data() + key.length, engineId.data, engineId.length);
-    std::memcpy(work.Data() + key.length + engineId.length, key.data, key.length);
+    CopyIn(CopyIn(CopyIn(work.Data(), key), engineId), key);
     int result = VKL_EVP_DigestInit(&vkl, &md, type);
     if (result != 1) return FailWith(status, vkl, "localised key digest initialisation failed ", result);
     result = VKL_EVP_DigestUpdate(&vkl, &md, work.Data(), static_cast<size_t>(total));
