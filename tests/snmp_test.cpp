@@ -6,7 +6,7 @@
 // N bytes at an address (refused before any read when N is large), @N for N bytes at no
 // address. Flags among them: !ctx !md !hmac !cipher !status !in !out pass null instead,
 // ~md ~hmac ~cipher a handle holding nothing, ~out an output record pointing nowhere,
-// =key an Extend whose output is its own key. Result is what the operation returned, Text the status record's
+// =key an Extend whose output overlaps its own key. Result is what the operation returned, Text the status record's
 // errorMsg, Out what it wrote. Every call must leave VKL's error queue empty.
 #include <algorithm>
 #include <cstdlib>
@@ -57,7 +57,7 @@ struct Session {
 struct Call {
     Call(Session& session, const Args& all) : s(session) {
         for (const zultest::Arg& a : all) {
-            if (a.raw[0] == '!' || a.raw[0] == '~') flags.insert(a.raw);
+            if (a.raw[0] == '!' || a.raw[0] == '~' || a.raw[0] == '=') flags.insert(a.raw);
             else args.push_back(a);
         }
     }
@@ -172,9 +172,9 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
              return c.Result(r, area, key.data, key.length);
          }},
         {"Extend", [=](Call& c) {
-             if (c.flags.count("=key")) {  // the caller cuts its key in place
+             if (c.flags.count("=key")) {  // the caller cuts its key where it lies, one byte on
                  ZulVklConstBuffer* in = c.Buf(3);
-                 ZulVklBuffer same{const_cast<unsigned char*>(in->data), static_cast<uint32_t>(c.Int(4))};
+                 ZulVklBuffer same{const_cast<unsigned char*>(in->data) + 1, static_cast<uint32_t>(c.Int(4))};
                  const int r = ZulVklMdExtendKey(c.Ctx(), c.Md(), c.Name(0), c.Int(1), c.Buf(2), in, &same, c.Status());
                  const Bytes now(same.data, same.data + same.length);
                  return c.Result(r, now, nullptr, now.size());
