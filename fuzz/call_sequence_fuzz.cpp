@@ -4,8 +4,10 @@
 // key components held); whenever a call reports success, its bytes must be what OpenSSL gives
 // for the same work done afresh. VKL failures are injected between calls and objects are rebuilt
 // on a context without VKL: neither may turn into a wrong result reported as success, a crash or
-// a leak.
+// a leak. Size questions are failed with answers no algorithm has, and the procedural calls are
+// now and then given a record that points nowhere: both must be refused.
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -116,7 +118,12 @@ const Fault kFaults[] = {
     {"VKL_DH_generate_key", 0},      {"VKL_DH_size", 0},             {"VKL_DH_compute_key", -1},
     {"VKL_SelfTest/SHA-256", 0},     {"VKL_EVP_CIPHER_CTX_set_padding", 0},
     {"VKL_EVP_CIPHER_CTX_set_key_length", 0},
+    // Size questions: answered with one of kBadSizes (an IV length of 0 is one ECB has).
+    {"VKL_EVP_MD_size", LONG_MIN},        {"VKL_EVP_MD_block_size", LONG_MIN},
+    {"VKL_EVP_CIPHER_block_size", LONG_MIN}, {"VKL_EVP_CIPHER_key_length", LONG_MIN},
+    {"VKL_EVP_CIPHER_iv_length", -1},     {"VKL_DH_size", LONG_MIN}, {"VKL_BN_num_bits", LONG_MIN},
 };
+const long kBadSizes[] = {0, -1, -8, 4096, 1L << 20};
 
 // ---- OpenSSL's side ----
 
@@ -353,7 +360,8 @@ struct Pieces {
 void Fail(Rig& r, Reader& in) {
     const Fault& fault = in.Pick(kFaults);
     unsigned skip = in.Byte() % 4;
-    VKLTest_FailCall(fault.name, skip, in.Byte() % 4 == 0 ? -1 : 1, fault.result);
+    int times = in.Byte() % 4 == 0 ? -1 : 1;
+    VKLTest_FailCall(fault.name, skip, times, fault.result == LONG_MIN ? in.Pick(kBadSizes) : fault.result);
     r.faulted = true;
 }
 
@@ -393,6 +401,8 @@ void Md(Rig& r, Reader& in) {
         r.mdData = Cat(r.mdData, data);
     } else {
         Out out(r.md->GetDigestSize());
+        // No caller writes into room of a size the library could not give.
+        if (out.room == 0) return void(r.mdName = nullptr);
         unsigned length = 0;
         bool ok = r.md->GetMessageDigest(out.area.get(), &length);
         Bytes got = out.Got(ok, length);
@@ -411,6 +421,7 @@ void Hmac(Rig& r, Reader& in) {
     }
     Bytes data = in.Take(in.Byte() % 64);
     Out out(r.hmac->GetDigestSize());
+    if (out.room == 0) return;
     unsigned length = 0;
     bool ok = in.Byte() % 2 == 0 ? r.hmac->GetHMAC(Data(data), Len(data), out.area.get(), &length)
                                  : r.hmac->GetHMAC(Data(data), Len(data), &out.made, &length);
@@ -458,13 +469,20 @@ void Cipher(Rig& r, Reader& in) {
         Out out(object ? r.cipher->GetBufferSize(length, mirror.encrypt) : length + EVP_MAX_BLOCK_LENGTH);
         ZulVklBuffer area{out.area.get(), 0};
         ZulVklConstBuffer whole = In(all);
+        bool refused = false;
         if (!object) {
+            const unsigned hole = in.Byte() % 16;
+            ZulVklConstBuffer& input = mirror.encrypt && !pieces.records.empty() ? pieces.records[0] : whole;
+            if (hole == 1) input.data = nullptr, refused = input.length != 0;
+            if (hole == 2) area.data = nullptr, refused = true;
             ok = (mirror.encrypt ? ZulVklCipherEncryptUpdate(r.c, r.cCipher, "cipher", pieces.list.data(),
                                                              static_cast<unsigned>(pieces.parts.size()), &area,
                                                              r.status)
                                  : ZulVklCipherDecryptUpdate(r.c, r.cCipher, "cipher", &whole, &area, r.status)) == 1;
             written = static_cast<int>(area.length);
+            if (refused && ok) __builtin_trap();
         } else if (in.Byte() % 2 == 0) {
+            if (out.room == 0) return void(mirror.following = false);
             ok = r.cipher->AddData(Data(all), length, out.area.get(), &written, mirror.encrypt);
         } else {
             ok = mirror.encrypt ? r.cipher->EncryptData(Data(all), length, &out.made, &written)
@@ -475,6 +493,7 @@ void Cipher(Rig& r, Reader& in) {
         mirror.Follow(ok, got, &all);
     } else {
         Out out(object ? r.cipher->GetBlockSize() : EVP_MAX_BLOCK_LENGTH);
+        if (out.room == 0) return void(mirror.following = false);
         ZulVklBuffer area{out.area.get(), 0};
         int written = 0;
         ok = object ? r.cipher->GetFinal(out.area.get(), &written, mirror.encrypt)
@@ -635,6 +654,13 @@ void Procedural(Rig& r, Reader& in) {
     const unsigned method = step == 3 ? in.Byte() % 4 : 0, extended = step == 3 ? in.Byte() % 66 : 0;
     Out out(step == 3 ? extended : Md(name) != nullptr ? EVP_MD_get_size(Md(name)) : 0);
     ZulVklBuffer area{out.area.get(), static_cast<uint32_t>(out.room)};
+    // A record pointing nowhere: an input with a length, or the area the caller provides.
+    const unsigned hole = in.Byte() % 16;
+    ZulVklConstBuffer unused{};
+    ZulVklConstBuffer* inputs[] = {&first, step != 2 ? &second : pieces.records.empty() ? &unused : &pieces.records[0]};
+    if (hole < 2) inputs[hole]->data = nullptr;
+    if (hole == 2 && step != 1) area.data = nullptr;  // the key-change digest makes its own
+    const bool refused = (hole < 2 && inputs[hole]->length != 0) || (hole == 2 && step != 1);
     bool ok;
     Want want;
     if (step == 0) {
@@ -654,7 +680,7 @@ void Procedural(Rig& r, Reader& in) {
     }
     Bytes got = out.Got(ok, area.length);
     std::free(out.made);
-    Check(ok, got, want);
+    Check(ok, got, refused ? std::nullopt : want);
 }
 
 struct Op {

@@ -51,7 +51,7 @@ public:
     // (reported). Ends the process ("Insufficient memory") when the buffer cannot be allocated.
     void ComputeSharedSecret(CZulCryptBigNum* peerPublicKey);
     // The last computed secret, still owned by the object and replaced by the next computation;
-    // null before the first. length is set to GetSize().
+    // null before the first. length is set to its size, or to GetSize() when there is none.
     unsigned char* GetSharedSecret(int& length);
     // The prime's size in bytes: 0 without a group, -1 without a DH record.
     int GetSize();
@@ -60,8 +60,8 @@ public:
 
 private:
     bool SetOakleyGroup(const unsigned char* prime, int primeLength);
-    // Wipes and releases the shared secret of length bytes.
-    void ReleaseSecret(int length);
+    // Wipes and releases the shared secret.
+    void ReleaseSecret();
     VKL_t* Vkl();
 
     CZulCryptContext& m_rContext;

@@ -3,9 +3,10 @@
 //
 // A call's arguments follow the C operation's, without the handles and the status
 // record: names and buffers are "text" or hex ("" has no address), - for null, #N for
-// N bytes at an address (refused before any read when N is large). Flags among them:
-// !ctx !md !hmac !cipher !status !in !out pass null instead, ~md ~hmac ~cipher a handle
-// holding nothing. Result is what the operation returned, Text the status record's
+// N bytes at an address (refused before any read when N is large), @N for N bytes at no
+// address. Flags among them: !ctx !md !hmac !cipher !status !in !out pass null instead,
+// ~md ~hmac ~cipher a handle holding nothing, ~out an output record pointing nowhere,
+// =key an Extend whose output overlaps its own key. Result is what the operation returned, Text the status record's
 // errorMsg, Out what it wrote. Every call must leave VKL's error queue empty.
 #include <algorithm>
 #include <cstdlib>
@@ -56,7 +57,7 @@ struct Session {
 struct Call {
     Call(Session& session, const Args& all) : s(session) {
         for (const zultest::Arg& a : all) {
-            if (a.raw[0] == '!' || a.raw[0] == '~') flags.insert(a.raw);
+            if (a.raw[0] == '!' || a.raw[0] == '~' || a.raw[0] == '=') flags.insert(a.raw);
             else args.push_back(a);
         }
     }
@@ -70,15 +71,19 @@ struct Call {
     ZulVklCipherCtxWrap* Cipher() { return Pick(s.cipher, &s.emptyCipher, "cipher"); }
     ZulVklStatusWrap* Status() const { return Pick<ZulVklStatusWrap>(s.status, nullptr, "status"); }
     template <class T>
-    T* Out(T& out) const { return flags.count("!out") ? nullptr : &out; }
+    T* Out(T& out) const {
+        if (flags.count("~out")) out.data = nullptr;
+        return flags.count("!out") ? nullptr : &out;
+    }
     std::string Str(size_t i) const { const Bytes b = args.at(i).Bytes(); return std::string(b.begin(), b.end()); }
     const char* Name(size_t i) { return args.at(i).IsNull() ? nullptr : texts.emplace_back(Str(i)).c_str(); }
     ZulVklConstBuffer* Buf(size_t i) {
         static const unsigned char never = 0;
         const std::string& raw = args.at(i).raw;
         if (raw == "-") return nullptr;
-        const auto claimed = static_cast<uint32_t>(raw[0] == '#' ? std::stoul(raw.substr(1)) : 0);
-        if (raw[0] == '#') return &buffers.emplace_back(ZulVklConstBuffer{&never, claimed});
+        const bool sized = raw[0] == '#' || raw[0] == '@';
+        const auto claimed = static_cast<uint32_t>(sized ? std::stoul(raw.substr(1)) : 0);
+        if (sized) return &buffers.emplace_back(ZulVklConstBuffer{raw[0] == '#' ? &never : nullptr, claimed});
         const Bytes& b = bytes.emplace_back(args.at(i).Bytes());
         return &buffers.emplace_back(ZulVklConstBuffer{b.data(), static_cast<uint32_t>(b.size())});
     }
@@ -167,6 +172,13 @@ zultest::Calls SnmpCalls(CZulCryptContext&) {
              return c.Result(r, area, key.data, key.length);
          }},
         {"Extend", [=](Call& c) {
+             if (c.flags.count("=key")) {  // the caller cuts its key where it lies, one byte on
+                 ZulVklConstBuffer* in = c.Buf(3);
+                 ZulVklBuffer same{const_cast<unsigned char*>(in->data) + 1, static_cast<uint32_t>(c.Int(4))};
+                 const int r = ZulVklMdExtendKey(c.Ctx(), c.Md(), c.Name(0), c.Int(1), c.Buf(2), in, &same, c.Status());
+                 const Bytes now(same.data, same.data + same.length);
+                 return c.Result(r, now, nullptr, now.size());
+             }
              Bytes area(static_cast<size_t>(c.Int(4)), 0xee);
              ZulVklBuffer key{area.data(), static_cast<uint32_t>(area.size())};
              const int r = ZulVklMdExtendKey(c.Ctx(), c.Md(), c.Name(0), c.Int(1), c.Buf(2), c.Buf(3), c.Out(key),

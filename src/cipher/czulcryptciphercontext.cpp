@@ -7,12 +7,14 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/sizes.h"
 #include "../common/trace.h"
 
 namespace {
 
 constexpr char kZulFile[] = "czulcryptciphercontext";
 constexpr char kInvalidState[] = "VKL Context in an invalid state";
+constexpr int kIvRoom = zul::kCipherIvLength.most;
 
 const char* DataOrNull(const unsigned char* data) { return data != nullptr ? "DATA" : "NULL"; }
 
@@ -106,22 +108,18 @@ bool CZulCryptCipherContext::SetType(const char* name, const unsigned char* key,
         ZUL_REPORT_VKL_ERROR(m_rContext);
         return false;
     }
-    int required = VKL_EVP_CIPHER_iv_length(vkl, *m_pCipher);
-    // A failed query would size the IV copy from -1.
-    if (required < 0) {
-        ZUL_REPORT_VKL_ERROR(m_rContext);
-        return false;
-    }
+    // As many bytes of the caller's IV are read.
+    const int required = ZUL_SIZE(CipherIvLength, vkl, *m_pCipher);
+    if (required < 0) return false;
     if (ivLength != 0 && ivLength != required) return false;
     ReleaseIv();
-    m_pIv = new unsigned char[static_cast<size_t>(required)];
-    m_ivLength = required;
-    if (iv != nullptr) {
-        std::memcpy(m_pIv, iv, static_cast<size_t>(required));
-    } else {
-        std::memset(m_pIv, 0, static_cast<size_t>(required));
-    }
-    int defaultLength = keyLength != 0 ? VKL_EVP_CIPHER_key_length(vkl, *m_pCipher) : 0;
+    // Room for the longest IV, zeros past the one given: VKL reads what its cipher needs,
+    // whatever length it answered.
+    m_pIv = new unsigned char[kIvRoom]();
+    m_ivLength = kIvRoom;
+    if (iv != nullptr) std::memcpy(m_pIv, iv, static_cast<size_t>(required));
+    const int defaultLength = keyLength != 0 ? ZUL_SIZE(CipherKeyLength, vkl, *m_pCipher) : 0;
+    if (defaultLength < 0) return false;
     VKL_EVP_CIPHER_CTX_t* ctx = m_pCipherCtxWrap->m_pCipherCtx;
     auto init = encrypt ? VKL_EVP_EncryptInit : VKL_EVP_DecryptInit;
     // A non-default length is set between an init without the key and the init that brings
@@ -258,9 +256,9 @@ bool CZulCryptCipherContext::GetStatus() {
 
 int CZulCryptCipherContext::GetBufferSize(int length, bool encrypt) {
     int size = -1;
-    if (HasCipher()) {
-        long long block = VKL_EVP_CIPHER_block_size(Vkl(), *m_pCipher);
-        long long wanted = block + length - (encrypt ? 1 : 0);
+    const int block = HasCipher() ? ZUL_SIZE(CipherBlockSize, Vkl(), *m_pCipher) : -1;
+    if (block > 0) {
+        const long long wanted = static_cast<long long>(block) + length - (encrypt ? 1 : 0);
         // A size that does not fit an int cannot be answered.
         if (wanted <= INT_MAX) size = static_cast<int>(wanted);
     }

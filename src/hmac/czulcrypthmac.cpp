@@ -7,6 +7,7 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/sizes.h"
 #include "../common/trace.h"
 
 static constexpr char kZulFile[] = "czulcrypthmac";
@@ -58,7 +59,7 @@ CZulCryptHMAC::CZulCryptHMAC(CZulCryptContext& context, const char* digestName, 
     }
     const int digestSize = m_MDContext.GetDigestSize();
     const int blockSize = m_MDContext.GetDigestBlockSize();
-    if (digestSize <= 0 || blockSize <= 0) {
+    if (!zul::InRange(zul::kDigestSize, digestSize) || !zul::InRange(zul::kDigestBlockSize, blockSize)) {
         m_bStatus = false;
         return;
     }
@@ -125,7 +126,7 @@ bool CZulCryptHMAC::GetHMAC(unsigned char* data, unsigned int dataLength, unsign
     if (dataLength > std::numeric_limits<uint32_t>::max() - m_PadLength) return false;
     // After a failed re-arm no digest is chosen and the size is -1.
     const int digestSize = m_MDContext.GetDigestSize();
-    if (digestSize <= 0) return false;
+    if (!zul::InRange(zul::kDigestSize, digestSize)) return false;
 
     const uint32_t innerInputLength = m_PadLength + dataLength;
     // Fully overwritten below, so it needs no zeroing.
@@ -158,7 +159,7 @@ bool CZulCryptHMAC::GetHMAC(unsigned char* data, unsigned int dataLength, unsign
     CZulCryptContext::HandleDebug("CZulCryptHMAC::GetHMAC()\n", 4);
     if (data == nullptr || hmac == nullptr || hmacLength == nullptr || !m_bStatus) return false;
     const int digestSize = m_MDContext.GetDigestSize();
-    if (digestSize <= 0) {
+    if (!zul::InRange(zul::kDigestSize, digestSize)) {
         *hmacLength = 0;
         return false;
     }

@@ -6,13 +6,14 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/sizes.h"
 #include "../common/trace.h"
 #include "../common/vkl_context.h"
 
 static constexpr char kZulFile[] = "czulcryptbignum";
 
-// 65535 bits, the most a packet's bit count can state.
-static constexpr unsigned int kScratchBytes = 8192;
+// The most a packet's bit count can state, in bytes.
+static constexpr unsigned int kScratchBytes = (zul::kBigNumBits.most + 7) / 8;
 
 CZulCryptBigNum::CZulCryptBigNum(CZulCryptContext& context)
     : m_rContext(context), m_pBigNumPacket(nullptr), m_uLen(0) {
@@ -60,11 +61,13 @@ bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
     if (number == nullptr || number->m_pBigNum == nullptr) return false;
     VKL_t* vkl = ZUL_VKL_OR_REPORT(m_rContext);
     if (vkl == nullptr) return false;
-    const unsigned int length = (static_cast<unsigned int>(VKL_BN_num_bits(vkl, number->m_pBigNum)) + 7) / 8;
+    const int bits = ZUL_SIZE(BigNumBits, vkl, number->m_pBigNum);
+    if (bits < 0) return false;
+    const unsigned int length = (static_cast<unsigned int>(bits) + 7) / 8;
     // VKL writes as many bytes as the number has, whatever its bit count said. Written into
     // room for the largest number a packet can carry (larger than any RSA or DH number),
     // a count that says too little cannot make it write past the end.
-    const unsigned int room = length > kScratchBytes ? length : kScratchBytes;
+    const unsigned int room = kScratchBytes;
     unsigned char* scratch = new (std::nothrow) unsigned char[room]();
     if (scratch == nullptr) {
         Release();

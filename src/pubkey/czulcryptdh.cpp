@@ -6,6 +6,7 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/sizes.h"
 #include "../common/trace.h"
 #include "../common/vkl_context.h"
 
@@ -96,8 +97,7 @@ CZulCryptDH::CZulCryptDH(CZulCryptContext& context, int primeBits, int generator
 CZulCryptDH::~CZulCryptDH() {
     if (m_pDHWrap->m_pDH != nullptr) {
         CZulCryptContext::HandleDebug("CZulCryptDH::~CZulCryptDH()\n", 3);
-        // The secret always has the size of the current prime.
-        if (m_pSharedSecret != nullptr) ReleaseSecret(GetSize());
+        if (m_pSharedSecret != nullptr) ReleaseSecret();
         VKL_DH_free(Vkl(), m_pDHWrap->m_pDH);
     }
     delete m_pDHWrap;
@@ -106,9 +106,24 @@ CZulCryptDH::~CZulCryptDH() {
 // Only an object with a DH record calls VKL, and it has one only from a context with VKL.
 VKL_t* CZulCryptDH::Vkl() { return zul::VklOf(m_rContext); }
 
-void CZulCryptDH::ReleaseSecret(int length) {
-    zul::Cleanse(m_pSharedSecret, static_cast<size_t>(std::max(length, 0)));
-    std::free(m_pSharedSecret);
+namespace {
+
+// The secret's block starts with the secret's length: its wipe and its size as handed out
+// must not depend on VKL answering the same size again later.
+constexpr size_t kLengthField = sizeof(size_t);
+
+size_t SecretLength(const unsigned char* secret) {
+    size_t length = 0;
+    std::memcpy(&length, secret - kLengthField, sizeof length);
+    return length;
+}
+
+}  // namespace
+
+void CZulCryptDH::ReleaseSecret() {
+    unsigned char* block = m_pSharedSecret - kLengthField;
+    zul::Cleanse(block, kLengthField + SecretLength(m_pSharedSecret));
+    std::free(block);
     m_pSharedSecret = nullptr;
 }
 
@@ -121,7 +136,7 @@ bool CZulCryptDH::SetOakleyGroup(const unsigned char* prime, int primeLength) {
     if (dh == nullptr) return false;
     VKL_t* vkl = Vkl();
     // A secret of the old prime would not match the size GetSharedSecret gives for the new one.
-    if (m_pSharedSecret != nullptr) ReleaseSecret(GetSize());
+    if (m_pSharedSecret != nullptr) ReleaseSecret();
 
     // Existing numbers are overwritten in place; new ones belong to us until stored.
     VKL_BIGNUM_t* g = VKL_BN_bin2bn(vkl, &kGenerator, 1, dh->g);
@@ -160,21 +175,21 @@ CZulCryptBigNum* CZulCryptDH::GetPublicKey() {
 
 void CZulCryptDH::ComputeSharedSecret(CZulCryptBigNum* peerPublicKey) {
     if (m_pDHWrap->m_pDH == nullptr || !m_bStatus || peerPublicKey == nullptr) return;
-    // Not GetSize: a failure here is reported with the entry VKL queued for it.
-    const int size = VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
+    const int size = ZUL_SIZE(DhSize, Vkl(), m_pDHWrap->m_pDH);
     if (size < 1) {
         m_bStatus = false;
-        ZUL_REPORT_VKL_ERROR(m_rContext);
         return;
     }
-    ReleaseSecret(size);
-    m_pSharedSecret = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(size)));
-    if (m_pSharedSecret == nullptr) {
+    if (m_pSharedSecret != nullptr) ReleaseSecret();
+    const size_t length = static_cast<size_t>(size);
+    auto* block = static_cast<unsigned char*>(std::calloc(kLengthField + length, 1));
+    if (block == nullptr) {
         ZUL_REPORT_FATAL("Insufficient memory");
         m_bStatus = false;
         return;
     }
-    std::memset(m_pSharedSecret, 0, static_cast<size_t>(size));
+    std::memcpy(block, &length, sizeof length);
+    m_pSharedSecret = block + kLengthField;
 
     C_VKL_BIGNUM_Wrap* peer = peerPublicKey->BuildNumber();
     // Nothing computed yet: anything but the full size is a failure.
@@ -195,16 +210,20 @@ void CZulCryptDH::ComputeSharedSecret(CZulCryptBigNum* peerPublicKey) {
 }
 
 unsigned char* CZulCryptDH::GetSharedSecret(int& length) {
-    length = GetSize();
+    length = m_pSharedSecret != nullptr ? static_cast<int>(SecretLength(m_pSharedSecret)) : GetSize();
     return m_pSharedSecret;
 }
 
 int CZulCryptDH::GetSize() {
     if (m_pDHWrap->m_pDH == nullptr) return -1;
     const int size = VKL_DH_size(Vkl(), m_pDHWrap->m_pDH);
-    // A question, not a failure: nothing it queued may be blamed for a later one.
-    if (size < 1) zul::DrainVklErrors(Vkl());
-    return size;
+    if (size == 0) {
+        // No group yet is an answer; nothing it queued may be blamed for a later failure.
+        zul::DrainVklErrors(Vkl());
+        return 0;
+    }
+    std::string why;
+    return zul::ReportedSize(zul::CheckedSize(Vkl(), zul::kModulusSize, size, &why), why, kZulFile, __LINE__);
 }
 
 bool CZulCryptDH::GetStatus() {

@@ -11,6 +11,7 @@
 
 #include "../common/cleanse.h"
 #include "../common/report.h"
+#include "../common/sizes.h"
 
 namespace {
 
@@ -20,8 +21,8 @@ constexpr size_t kMsgSize = ZULVKL_ERROR_MSG_SIZE;
 // RFC 3414 A.2: one mebibyte of the repeated password, hashed 64 bytes at a time.
 constexpr size_t kKeyPiece = 64;
 constexpr unsigned kKeyPieces = 16384;
-// The longest digest VKL's HMAC makes (SHA-512).
-constexpr size_t kMaxMac = 64;
+// The longest digest the library knows; a longer answer from VKL is refused.
+constexpr size_t kMaxMac = zul::kDigestSize.most;
 // The longest extended key: AES-256 and 3DES-EDE need 32 bytes; 64 leaves room for more.
 constexpr uint32_t kMaxExtendedKey = 64;
 
@@ -33,6 +34,27 @@ void SetOrReportError(ZulVklStatusWrap* status, const char* text) {
     } else {
         ZUL_REPORT(text);
     }
+}
+
+// Records that point nowhere are refused with the null arguments: an input may lack its
+// bytes only when it has none, and an area the caller provides must be there.
+bool Missing(const ZulVklConstBuffer* in) { return in == nullptr || (in->data == nullptr && in->length != 0); }
+
+bool Missing(const ZulVklBuffer* out) { return out == nullptr || out->data == nullptr; }
+
+// An empty record may point nowhere, which memcpy may not be handed even for no bytes.
+unsigned char* CopyIn(unsigned char* to, const ZulVklConstBuffer& from) {
+    if (from.length != 0) std::memcpy(to, from.data, from.length);
+    return to + from.length;
+}
+
+// A null entry is not missing here: the operation tells it in its own words.
+bool MissingPiece(ZulVklConstBuffer* const* in, unsigned int count) {
+    if (in == nullptr) return true;
+    for (unsigned int i = 0; i < count; ++i) {
+        if (in[i] != nullptr && Missing(in[i])) return true;
+    }
+    return false;
 }
 
 // Bytes of room left in errorMsg after msgLen, which callers may have moved.
@@ -73,6 +95,16 @@ int Report(ZulVklStatusWrap& status, const char* format, const char* name, Args.
     FormatInto(cut, sizeof cut, "%.*s%s", static_cast<int>(std::min(keep, sizeof cut - sizeof kMark)), name, kMark);
     FormatInto(status.errorMsg, kMsgSize, format, cut, args...);
     return 0;
+}
+
+// A size VKL answers that no algorithm has is the operation's failure, told in the status
+// record; 0 for the caller to return.
+template <class Query, class Type>
+int SizeOrReport(ZulVklStatusWrap& status, Query query, VKL_t& vkl, const Type* type, int& size) {
+    std::string why;
+    size = query(&vkl, type, &why);
+    if (size < 0) Write(status, why.c_str());
+    return size < 0 ? 0 : 1;
 }
 
 // The text, then what VKL says about the failed call; 0 for the caller to return.
@@ -176,13 +208,17 @@ const VKL_EVP_CIPHER_t* FindCheckedCipher(VKL_t& vkl, const char* name, const Zu
         Report(status, "Failed to get cipher by name for algorithm: %s\n", name);
         return nullptr;
     }
-    const int ivLength = VKL_EVP_CIPHER_iv_length(&vkl, cipher);
+    int ivLength = 0;
+    int keyLength = 0;
+    if (SizeOrReport(status, zul::CipherIvLength, vkl, cipher, ivLength) == 0 ||
+        SizeOrReport(status, zul::CipherKeyLength, vkl, cipher, keyLength) == 0) {
+        return nullptr;
+    }
     if (static_cast<long long>(iv.length) != ivLength) {
         Report(status, "Incorrect iv length for %s encryption/decryption. Required %d but got %u\n", name, ivLength,
                static_cast<unsigned>(iv.length));
         return nullptr;
     }
-    const int keyLength = VKL_EVP_CIPHER_key_length(&vkl, cipher);
     if (static_cast<long long>(key.length) != keyLength) {
         Report(status, "Incorrect key length for %s encryption/decryption. Required %d but got %u\n", name, keyLength,
                static_cast<unsigned>(key.length));
@@ -197,6 +233,9 @@ int CipherInit(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklCo
     zul::DropVklFailure(&vkl, VKL_EVP_CIPHER_CTX_init(&vkl, &ctx));
     const VKL_EVP_CIPHER_t* cipher = FindCheckedCipher(vkl, name, key, iv, status);
     if (cipher == nullptr) return 0;
+    // The caller sizes its output areas by the block size returned, so it is known first.
+    int block = 0;
+    if (SizeOrReport(status, zul::CipherBlockSize, vkl, cipher, block) == 0) return 0;
     if (encrypt) {
         const int result = VKL_EVP_EncryptInit(&vkl, &ctx, cipher, key.data, iv.data);
         if (result != 1) return FailWith(status, vkl, "Encryption initialisation failed ", result);
@@ -211,7 +250,7 @@ int CipherInit(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklCo
             return 0;
         }
     }
-    return VKL_EVP_CIPHER_block_size(&vkl, cipher);
+    return block;
 }
 
 int CipherFinalise(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const char* name, ZulVklBuffer& out,
@@ -335,9 +374,9 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for key generation\n", digest);
     int result = VKL_EVP_DigestInit(&vkl, &md, type);
     if (result != 1) return FailWith(status, vkl, "key digest initialisation failed ", result);
-    if (static_cast<long long>(key.length) != VKL_EVP_MD_size(&vkl, type)) {
-        // A failed size query queues an entry that this text replaces.
-        zul::DrainVklErrors(&vkl);
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
+    if (static_cast<long long>(key.length) != size) {
         return Report(status, "Incorrect buffer size for %s digest key generation", digest);
     }
     unsigned char piece[kKeyPiece];
@@ -358,8 +397,9 @@ int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
                             ZulVklConstBuffer& key, ZulVklBuffer& localisedKey, ZulVklStatusWrap& status) {
     const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for local key generation", digest);
-    if (static_cast<long long>(localisedKey.length) != VKL_EVP_MD_size(&vkl, type)) {
-        zul::DrainVklErrors(&vkl);
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
+    if (static_cast<long long>(localisedKey.length) != size) {
         return Report(status, "Incorrect buffer size for %s digest local key generation", digest);
     }
     const uint64_t total = 2 * static_cast<uint64_t>(key.length) + engineId.length;
@@ -370,9 +410,7 @@ int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     WorkArea work(static_cast<size_t>(total));
     if (work.Data() == nullptr) return Write(status, kOutOfMemory);
     // RFC 3414 A.2.2: key | engine ID | key.
-    std::memcpy(work.Data(), key.data, key.length);
-    std::memcpy(work.Data() + key.length, engineId.data, engineId.length);
-    std::memcpy(work.Data() + key.length + engineId.length, key.data, key.length);
+    CopyIn(CopyIn(CopyIn(work.Data(), key), engineId), key);
     int result = VKL_EVP_DigestInit(&vkl, &md, type);
     if (result != 1) return FailWith(status, vkl, "localised key digest initialisation failed ", result);
     result = VKL_EVP_DigestUpdate(&vkl, &md, work.Data(), static_cast<size_t>(total));
@@ -391,8 +429,9 @@ int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
     result = VKL_EVP_DigestUpdate(&vkl, &md, first.data, first.length);
     if (result == 1) result = VKL_EVP_DigestUpdate(&vkl, &md, second.data, second.length);
     if (result != 1) return FailWith(status, vkl, "key change digest update failed ", result);
-    const int size = VKL_EVP_MD_size(&vkl, type);
-    auto* block = static_cast<unsigned char*>(std::malloc(size > 0 ? static_cast<size_t>(size) : 1));
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
+    auto* block = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(size)));
     if (block == nullptr) return Write(status, kOutOfMemory);
     result = VKL_EVP_DigestFinal(&vkl, &md, block, nullptr);
     if (result != 1) {
@@ -423,14 +462,12 @@ int ZulVklMdExtendKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
     const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
     if (type == nullptr) return Report(status, "Failed to get the %s message digest for key extension", digest);
     if (localisedKey.length >= wanted) {
-        std::memcpy(extendedKey.data, localisedKey.data, wanted);
+        // The caller may cut a key in place.
+        std::memmove(extendedKey.data, localisedKey.data, wanted);
         return 1;
     }
-    const int size = VKL_EVP_MD_size(&vkl, type);
-    if (size <= 0) return FailWith(status, vkl, "key extension digest size failed ", size);
-    if (static_cast<size_t>(size) > kMaxMac) {
-        return Report(status, "The %s message digest is too long for key extension", digest);
-    }
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
     const auto step = static_cast<uint32_t>(size);
     // The key grows by whole digests and stops at the first length past the one asked.
     SecretBytes<kMaxExtendedKey + kMaxMac> key;
@@ -464,7 +501,7 @@ int ZulVklMdExtendKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
 
 int ZulVklMdDigestLengthImpl(VKL_t& vkl, const char* digest) {
     const VKL_EVP_MD_t* type = FindDigest(vkl, digest);
-    return type != nullptr ? VKL_EVP_MD_size(&vkl, type) : 0;
+    return type != nullptr ? std::max(zul::DigestSize(&vkl, type), 0) : 0;
 }
 
 // ---- Privacy ciphers ----
@@ -472,13 +509,15 @@ int ZulVklMdDigestLengthImpl(VKL_t& vkl, const char* digest) {
 int ZulVklCipherRequiredKeySizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
     const VKL_EVP_CIPHER_t* type = FindCipher(vkl, cipher);
     if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
-    return VKL_EVP_CIPHER_key_length(&vkl, type);
+    int size = 0;
+    return SizeOrReport(status, zul::CipherKeyLength, vkl, type, size) == 1 ? size : 0;
 }
 
 int ZulVklCipherRequiredIvSizeImpl(VKL_t& vkl, const char* cipher, ZulVklStatusWrap& status) {
     const VKL_EVP_CIPHER_t* type = FindCipher(vkl, cipher);
     if (type == nullptr) return Report(status, "Failed to get cipher for algorithm: %s", cipher);
-    return VKL_EVP_CIPHER_iv_length(&vkl, type);
+    int size = 0;
+    return SizeOrReport(status, zul::CipherIvLength, vkl, type, size) == 1 ? size : 0;
 }
 
 int ZulVklCipherSetPaddingImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, int padding, ZulVklStatusWrap& status) {
@@ -579,10 +618,8 @@ int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* d
     }
     // Finished beside the caller's area, so a failure leaves that area as it was.
     unsigned char mac[kMaxMac];
-    if (VKL_EVP_MD_size(&vkl, type) > static_cast<int>(sizeof mac)) {
-        zul::DrainVklErrors(&vkl);  // told in this library's words, as a lookup miss is
-        return Report(status, "The %s message digest is too long for an HMAC", digest);
-    }
+    int size = 0;
+    if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
     unsigned int written = 0;
     result = VKL_HMAC_Final(&vkl, &hmac, mac, &written);
     if (result != 1) return FailWith(status, vkl, "HMAC finalisation failed ", result);
@@ -687,7 +724,7 @@ int ZulVklMdGenerateKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* dig
                         ZulVklBuffer* key, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || password == nullptr || key == nullptr ||
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(password) || Missing(key) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklDigestGenerateKey");
         return 0;
@@ -699,8 +736,8 @@ int ZulVklMdLocaliseKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* dig
                         ZulVklConstBuffer* key, ZulVklBuffer* localisedKey, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || engineId == nullptr || key == nullptr ||
-        localisedKey == nullptr || status == nullptr) {
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(engineId) || Missing(key) ||
+        Missing(localisedKey) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklDigestLocaliseKey");
         return 0;
     }
@@ -711,7 +748,7 @@ int ZulVklMdKeyChangeDigest(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char*
                             ZulVklConstBuffer* second, ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || first == nullptr || second == nullptr ||
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(first) || Missing(second) ||
         out == nullptr || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklMdKeyChangeDigest");
         return 0;
@@ -724,8 +761,8 @@ int ZulVklMdExtendKey(ZulVklCtxWrap* ctx, ZulVklMdCtxWrap* md, const char* diges
                       ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_MD_CTX_t* mdCtx = ZulVklWrapConvert(md);
-    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || engineId == nullptr || localisedKey == nullptr ||
-        extendedKey == nullptr || status == nullptr) {
+    if (vkl == nullptr || mdCtx == nullptr || digest == nullptr || Missing(engineId) || Missing(localisedKey) ||
+        Missing(extendedKey) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklMdExtendKey");
         return 0;
     }
@@ -770,7 +807,7 @@ int ZulVklCipherEncryptInit(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, con
                             ZulVklConstBuffer* key, ZulVklConstBuffer* iv, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || key == nullptr || iv == nullptr ||
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(key) || Missing(iv) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptInit");
         return 0;
@@ -782,7 +819,7 @@ int ZulVklCipherDecryptInit(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, con
                             ZulVklConstBuffer* key, ZulVklConstBuffer* iv, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || key == nullptr || iv == nullptr ||
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(key) || Missing(iv) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptInit");
         return 0;
@@ -795,8 +832,8 @@ int ZulVklCipherEncryptUpdate(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, c
                               ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || in == nullptr || out == nullptr ||
-        status == nullptr) {
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || MissingPiece(in, count) ||
+        Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptUpdate");
         return 0;
     }
@@ -807,7 +844,7 @@ int ZulVklCipherDecryptUpdate(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle, c
                               ZulVklConstBuffer* in, ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || in == nullptr || out == nullptr ||
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(in) || Missing(out) ||
         status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptUpdate");
         return 0;
@@ -819,7 +856,7 @@ int ZulVklCipherEncryptFinalise(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle,
                                 ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || out == nullptr || status == nullptr) {
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherEncryptFinalise");
         return 0;
     }
@@ -830,7 +867,7 @@ int ZulVklCipherDecryptFinalise(ZulVklCtxWrap* ctx, ZulVklCipherCtxWrap* handle,
                                 ZulVklBuffer* out, ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_EVP_CIPHER_CTX_t* cipherCtx = ZulVklWrapConvert(handle);
-    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || out == nullptr || status == nullptr) {
+    if (vkl == nullptr || cipherCtx == nullptr || cipher == nullptr || Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklCipherDecryptFinalise");
         return 0;
     }
@@ -842,8 +879,8 @@ int ZulVklHmacGenerateDigest(ZulVklCtxWrap* ctx, ZulVklHmacCtxWrap* hmac, const 
                              ZulVklStatusWrap* status) {
     VKL_t* vkl = ZulVklWrapConvert(ctx);
     VKL_HMAC_CTX_t* hmacCtx = ZulVklWrapConvert(hmac);
-    if (vkl == nullptr || hmacCtx == nullptr || digest == nullptr || in == nullptr || key == nullptr ||
-        out == nullptr || status == nullptr) {
+    if (vkl == nullptr || hmacCtx == nullptr || digest == nullptr || MissingPiece(in, count) || Missing(key) ||
+        Missing(out) || status == nullptr) {
         SetOrReportError(status, "Invalid NULL arg to ZulVklHmacGenerateDigest");
         return 0;
     }
