@@ -209,6 +209,11 @@ int VKL_EVP_CIPHER_CTX_set_key_length(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int
 int VKL_EVP_CIPHER_CTX_set_padding(VKL_t* vkl, VKL_EVP_CIPHER_CTX_t* ctx, int padding) {
     VKL_ENTER(int);
     if (!vkl::Usable(vkl, ctx, __func__)) return -2;
+    // OpenSSL keeps the setting it refuses for want of a cipher, and the next cipher would inherit it.
+    if (EVP_CIPHER_CTX_get0_cipher(ctx->ctx.get()) == nullptr) {
+        vkl::QueueErrorIfEmpty(__func__, "no cipher set");
+        return -2;
+    }
     if (EVP_CIPHER_CTX_set_padding(ctx->ctx.get(), padding != 0) != 1) {
         vkl::QueueErrorIfEmpty(__func__, "the cipher refused the padding setting");
         return -2;
