@@ -5,55 +5,51 @@
 # usage: usm_interop.sh USM_GET USM_AGENT
 set -u
 get=$1 agent=$2 PATH=$PATH:/usr/sbin
-command -v snmpd >/dev/null && command -v snmpget >/dev/null || { echo "skipped: apt-get install snmpd snmp"; exit 77; }
+command -v snmpd >/dev/null && command -v snmpget >/dev/null || { echo "skipped: no snmpd, snmpget"; exit 77; }
 dir=$(mktemp -d) daemon= failures=0
+# 0 when the daemon exits cleanly on SIGTERM.
 stop() { kill $daemon 2>/dev/null; wait $daemon 2>/dev/null; local status=$?; daemon=; return $status; }
-trap '[ -z "$daemon" ] || stop; rm -rf "$dir"' EXIT
+trap '[ -z "$daemon" ] || stop; rm -rf $dir' EXIT
 # snmpget keeps its own state and reads its configuration from here only.
 export SNMPCONFPATH=$dir SNMP_PERSISTENT_DIR=$dir/client HOME=$dir
-echo maplesyrup >"$dir/pw"
-echo maplesyrop >"$dir/wrong"
+echo maplesyrup >$dir/pw
+echo maplesyrop >$dir/wrong
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 # Every pair. MD5, SHA-1 and SHA-224 keys are too short for AES-256 (MD5 and SHA-1 for AES-192 too)
 # and are lengthened, AES-192/AES-256 one way and AES-192-C/AES-256-C another; longer keys are cut.
-pairs=()
-for auth in MD5 SHA SHA-224 SHA-256 SHA-384 SHA-512; do
-  for priv in DES AES AES-192 AES-256 AES-192-C AES-256-C; do pairs+=("$auth $priv"); done
-done
+pairs=({MD5,SHA,SHA-224,SHA-256,SHA-384,SHA-512}/{DES,AES,AES-192,AES-256,AES-192-C,AES-256-C})
+s=1.3.6.1.2.1.1 # system
+uptime="^\.${s//./\\.}\.3\.0 = Timeticks: \([0-9]+\) [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$"
 
-sget() { # user auth priv authpw privpw oid...
-  snmpget -m '' -v3 -On -l authPriv -u "$1" -a "$2" -x "$3" -A "$4" -X "$5" -r 1 -t 3 "127.0.0.1:$port" "${@:6}"
-}
-uget() { # user auth priv authfile privfile oid...
-  "$get" --user "$1" --auth "$2" --priv "$3" --auth-password-file "$4" --priv-password-file "$5" "127.0.0.1:$port" "${@:6}"
-}
+# user auth priv, the files under $dir of the auth and priv passwords, then OIDs.
+sget() { snmpget -m '' -v3 -On -l authPriv -u $1 -a $2 -x $3 -A $(<$dir/$4) -X $(<$dir/$5) -r 1 -t 3 127.0.0.1:$port "${@:6}"; }
+uget() { $get --user $1 --auth $2 --priv $3 --auth-password-file $dir/$4 --priv-password-file $dir/$5 127.0.0.1:$port "${@:6}"; }
 refused() { # what message command...: exit 1 with the message and no value
-  local what=$1 message=$2 out status
+  local out
   out=$("${@:3}" 2>&1)
-  status=$?
-  [ $status = 1 ] && [[ $out == *"$message"* && $out != *" = "* ]] || fail "$what: exit $status, [$out]"
+  [ $? = 1 ] && [[ $out == *"$2"* && $out != *" = "* ]] || fail "$1: [$out]"
 }
 
-# Runs the function $1 (which execs a daemon on $port for auth $3 and priv $4) until the daemon has bound 127.0.0.1:$port
-# and answers snmpget as user $2 with auth $3 and priv $4 (asked only then: a request to a port
-# nobody has bound waits out its timeout). A daemon whose port was taken exits; another is tried.
+# Runs the function $1 (which execs a daemon on $port for auth $3 and priv $4) until the daemon has
+# bound 127.0.0.1:$port and answers snmpget as user $2 (asked only then: a request to a port nobody
+# has bound waits out its timeout). A daemon whose port was taken exits; another port is tried.
 start() {
   local bound
   for _ in 1 2 3 4 5; do
     port=$((20000 + RANDOM % 40000))
     bound=$(printf '0100007F:%04X ' $port)
     grep -q "$bound" /proc/net/udp && continue
-    "$1" "${@:3}" >"$dir/log" 2>&1 &
+    $1 $3 $4 >$dir/log 2>&1 &
     daemon=$!
     for _ in $(seq 200); do
       kill -0 $daemon 2>/dev/null && ! grep -q "$bound" /proc/net/udp || break
       sleep 0.1
     done
-    kill -0 $daemon 2>/dev/null && sget "${@:2}" maplesyrup maplesyrup 1.3.6.1.2.1.1.1.0 >/dev/null 2>&1 && return
+    kill -0 $daemon 2>/dev/null && sget $2 $3 $4 pw pw $s.1.0 >/dev/null 2>&1 && return
     stop
   done
-  fail "$1 did not answer as $2 $3 $4: $(cat "$dir/log")"
+  fail "$1 did not answer as $2 $3 $4: $(cat $dir/log)"
   return 1
 }
 
@@ -61,44 +57,41 @@ start() {
 # integer, a missing object), and sysUpTime's form. net-snmp's other spelling of a lengthened
 # cipher (AES192, AES256C, ...) names the same protocol.
 for i in "${!pairs[@]}"; do
+  set -- ${pairs[i]/\// }
   echo "rouser u$i authpriv"
-  echo "createUser u$i ${pairs[i]% *} \"maplesyrup\" ${pairs[i]#* } \"maplesyrup\""
-done >"$dir/users"
+  echo "createUser u$i $1 \"maplesyrup\" $2 \"maplesyrup\""
+done >$dir/users
 snmpd_() {
-  { echo "agentAddress udp:127.0.0.1:$port"; cat "$dir/users"; } >"$dir/snmpd.conf"
-  exec snmpd -f -Lo -C -c "$dir/snmpd.conf" --persistentDir="$dir/snmpd" -p "$dir/snmpd.pid"
+  { echo "agentAddress udp:127.0.0.1:$port"; cat $dir/users; } >$dir/snmpd.conf
+  exec snmpd -f -Lo -C -c $dir/snmpd.conf --persistentDir=$dir/snmpd -p $dir/snmpd.pid
 }
-oids=(1.3.6.1.2.1.1.1.0 1.3.6.1.2.1.1.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 1.3.6.1.2.1.1.99.0)
-uptime='^\.1\.3\.6\.1\.2\.1\.1\.3\.0 = Timeticks: \([0-9]+\) [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$'
+oids=($s.1.0 $s.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 $s.99.0)
 if start snmpd_ u1 MD5 AES; then
   for i in "${!pairs[@]}"; do
-    set -- ${pairs[i]}
-    other=${2//-/}
-    for priv in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo $other); do
-      expected=$(sget u$i $1 $priv maplesyrup maplesyrup "${oids[@]}" 2>&1)
-      actual=$(uget u$i $1 $priv "$dir/pw" "$dir/pw" "${oids[@]}" 2>&1)
+    set -- ${pairs[i]/\// }
+    for priv in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo ${2//-/}); do
+      expected=$(sget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
+      actual=$(uget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
       [ -n "$expected" ] && [ "$expected" = "$actual" ] || fail "usm_get $1 $priv: [$actual], snmpget: [$expected]"
     done
-    [[ $(uget u$i $1 $2 "$dir/pw" "$dir/pw" 1.3.6.1.2.1.1.3.0 2>&1) =~ $uptime ]] || fail "usm_get $1 $2 sysUpTime"
+    [[ $(uget u$i $1 $2 pw pw $s.3.0 2>&1) =~ $uptime ]] || fail "usm_get $1 $2 sysUpTime"
   done
-  refused "wrong auth password" "Authentication failure" uget u0 MD5 DES "$dir/wrong" "$dir/pw" 1.3.6.1.2.1.1.1.0
-  refused "wrong priv password" "no response" uget u1 MD5 AES "$dir/pw" "$dir/wrong" 1.3.6.1.2.1.1.1.0
-  refused "unknown user" "Unknown user name" uget nobody SHA AES "$dir/pw" "$dir/pw" 1.3.6.1.2.1.1.1.0
+  refused "wrong auth password" "Authentication failure" uget u0 MD5 DES wrong pw $s.1.0
+  refused "wrong priv password" "no response" uget u1 MD5 AES pw wrong $s.1.0
+  refused "unknown user" "Unknown user name" uget nobody SHA AES pw pw $s.1.0
   stop
 fi
 
 # ---- usm_agent queried by snmpget, for every pair; a wrong auth password is refused, and
 # SIGTERM ends the agent cleanly.
-descr='.1.3.6.1.2.1.1.1.0 = STRING: "libwexcryptcpp example agent"'
-agent_() {
-  exec "$agent" --port $port --user alice --auth $1 --auth-password-file "$dir/pw" --priv $2 --priv-password-file "$dir/pw"
-}
+descr="$s.1.0 = STRING: \"libwexcryptcpp example agent\""
+agent_() { exec $agent --port $port --user alice --auth $1 --priv $2 --auth-password-file $dir/pw --priv-password-file $dir/pw; }
 for pair in "${pairs[@]}"; do
-  set -- $pair
+  set -- ${pair/\// }
   start agent_ alice $1 $2 || continue
-  out=$(sget alice $1 $2 maplesyrup maplesyrup 1.3.6.1.2.1.1.1.0 1.3.6.1.2.1.1.3.0 2>&1)
-  [ "${out%%$'\n'*}" = "$descr" ] && [[ ${out#*$'\n'} =~ $uptime ]] || fail "usm_agent $pair: [$out]"
-  refused "usm_agent $pair, wrong auth password" "Authentication failure" sget alice $1 $2 maplesyrop maplesyrup 1.3.6.1.2.1.1.1.0
+  out=$(sget alice $1 $2 pw pw $s.1.0 $s.3.0 2>&1)
+  [ "${out%%$'\n'*}" = ".$descr" ] && [[ ${out#*$'\n'} =~ $uptime ]] || fail "usm_agent $pair: [$out]"
+  refused "usm_agent $pair, wrong auth password" "Authentication failure" sget alice $1 $2 wrong pw $s.1.0
   stop || fail "usm_agent $pair did not stop cleanly on SIGTERM"
 done
 
@@ -106,17 +99,17 @@ done
 # 100000 s off the agent's clock, which it must refuse with an authenticated notInTimeWindows
 # report (snmpget then takes the agent's time from it and asks again); then its usmStats counts.
 if start agent_ alice $1 $2; then
-  refused "usm_agent, wrong priv password" "Decryption error" sget alice $1 $2 maplesyrup maplesyrop 1.3.6.1.2.1.1.1.0
-  refused "usm_agent, unknown user" "Unknown user name" sget bob $1 $2 maplesyrup maplesyrup 1.3.6.1.2.1.1.1.0
-  [ "$(uget alice $1 $2 "$dir/pw" "$dir/pw" 1.3.6.1.2.1.1.1.0 2>&1)" = "$descr" ] || fail "usm_get against usm_agent"
-  engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' "$dir/log")
-  late=$(sget alice $1 $2 maplesyrup maplesyrup -e 0x$engine -Z 1,100000 1.3.6.1.2.1.1.1.0 2>&1)
-  [ "$late" = "$descr" ] || fail "usm_agent after a late request: [$late]"
-  counts=$(sget alice $1 $2 maplesyrup maplesyrup 1.3.6.1.6.3.15.1.1.{2,3,5,6}.0 2>&1)
-  [ "$(echo ${counts//.1.3.6.1.6.3.15.1.1./})" = "2.0 = Counter32: 1 3.0 = Counter32: 1 5.0 = Counter32: 0 6.0 = Counter32: 1" ] ||
-    fail "usm_agent usmStats: [$counts]"
+  refused "usm_agent, wrong priv password" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
+  refused "usm_agent, unknown user" "Unknown user name" sget bob $1 $2 pw pw $s.1.0
+  [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = ".$descr" ] || fail "usm_get against usm_agent"
+  engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' $dir/log)
+  late=$(sget alice $1 $2 pw pw -e 0x$engine -Z 1,100000 $s.1.0 2>&1)
+  [ "$late" = ".$descr" ] || fail "usm_agent after a late request: [$late]"
+  # usmStatsNotInTimeWindows, UnknownUserNames, WrongDigests, DecryptionErrors
+  counts=$(sget alice $1 $2 pw pw 1.3.6.1.6.3.15.1.1.{2,3,5,6}.0 2>&1)
+  [ "$(sed 's/.*Counter32: //' <<<"$counts" | tr -d '\n')" = 1101 ] || fail "usm_agent usmStats: [$counts]"
   stop || fail "usm_agent did not stop cleanly on SIGTERM"
-  grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" "$dir/log" || fail "usm_agent's counts on exit"
+  grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" $dir/log || fail "usm_agent's counts on exit"
 fi
 echo "$failures failure(s)"
 [ $failures = 0 ]
