@@ -1,11 +1,10 @@
 // The zulcrypt tool run through its command table as main runs it: the known answers of
 // tests/vectors/zulcrypt.vec, and the scripts of tests/data/zulcrypt_scripts.vec.
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
+#include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -16,7 +15,7 @@
 
 namespace {
 
-class ZulcryptTest : public zultest::PlatformTest {};
+using ZulcryptTest = zultest::PlatformTest;
 
 using Words = std::vector<std::string>;
 
@@ -29,11 +28,9 @@ zultest::Outcome Zul(const std::string& input, Words words) {
     std::istringstream in(input);
     std::ostringstream out, err;
     zulcrypt::Streams io{in, out, err};
-    zultest::Outcome result = zultest::Number(zulcrypt::Dispatch(static_cast<int>(argv.size()), argv.data(), io));
+    const long status = zulcrypt::Dispatch(static_cast<int>(argv.size()), argv.data(), io);
     const std::string printed = out.str();
-    result.out.assign(printed.begin(), printed.end());
-    result.text = err.str();
-    return result;
+    return {true, status, err.str(), {printed.begin(), printed.end()}};
 }
 
 void Save(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
@@ -45,31 +42,30 @@ std::string Load(const std::string& path) {
 }
 
 // Every command over its known answers: digests and MACs of a file, enc from standard input and
-// dec file to file, passwords from a file (CRLF, a second line ignored) or two from standard input.
+// dec file to file, passwords from standard input (CRLF; one for both, or a second for privacy).
 TEST_F(ZulcryptTest, Vectors) {
     const std::string file = ::testing::TempDir() + "zulcrypt.in", sealed = file + ".out";
+    const std::map<std::string, std::string> options = {{"Auth", "--auth"}, {"Priv", "--priv"},
+                                                        {"EngineId", "--engine-id"}, {"Old", "--old"},
+                                                        {"New", "--new"}, {"Random", "--random"}};
     for (const zultest::VectorCase& v : zultest::ReadVectors("zulcrypt.vec")) {
         SCOPED_TRACE(v.Where());
         const auto text = [&](const char* name) { return v.Has(name) ? Str(v.Bytes(name)) : ""; };
-        const auto hex = [&](const char* name) { return zultest::Hex(v.Bytes(name)); };
         std::string input = text("In");
         Save(file, input);
-        Words words;
-        if (v.Has("EngineId")) words = {"usm-keys", "--engine-id", hex("EngineId"), "--auth", v.Text("Auth")};
+        Words words = {v.Has("Old") ? "keychange" : "usm-keys"};
         if (v.Has("Digest")) words = {"digest", v.Text("Digest"), file};
-        if (v.Has("Hmac")) words = {"hmac", v.Text("Hmac"), hex("Key"), file};
-        if (v.Has("Cipher")) words = {"enc", v.Text("Cipher"), hex("Key"), hex("IV")};
+        if (v.Has("Hmac")) words = {"hmac", v.Text("Hmac"), v.Text("Key"), file};
+        if (v.Has("Cipher")) words = {"enc", v.Text("Cipher"), v.Text("Key"), v.Text("IV")};
         if (v.Has("Nopad")) words.push_back("--nopad");
-        if (v.Has("Old")) words = {"keychange", "--auth", v.Text("Auth"), "--old",   hex("Old"),
-                                   "--new",     hex("New"),          "--random", hex("Random")};
-        if (v.Has("Priv")) words.insert(words.end(), {"--priv", v.Text("Priv")});
-        if (v.Has("PrivPassword")) {
-            input = text("Password") + "\n" + text("PrivPassword") + "\n";
-            words.insert(words.end(), {"--auth-password-file", "-", "--priv-password-file", "-"});
-        } else if (v.Has("Password")) {
-            Save(file, text("Password") + "\r\nsecond line\n");
-            words.insert(words.end(), {"--password-file", file});
+        for (const auto& option : options) {
+            if (v.Has(option.first)) words.insert(words.end(), {option.second, v.Text(option.first)});
         }
+        if (v.Has("Password")) {
+            input = text("Password") + "\r\n" + text("PrivPassword") + "\n";
+            words.insert(words.end(), {"--password-file", "-"});
+        }
+        if (v.Has("PrivPassword")) words.insert(words.end(), {"--priv-password-file", "-"});
         const zultest::Outcome got = Zul(input, words);
         EXPECT_EQ(got.number, 0) << got.text;
         // A long ciphertext is known by its SHA-256.
@@ -92,7 +88,10 @@ zultest::Calls ZulcryptCalls(CZulCryptContext&) {
     zultest::Vars()["$tmp"] = ::testing::TempDir() + "zulcrypt";
     const auto run = [](const zultest::Args& a) {
         Words words;
-        for (size_t i = 1; i < a.size(); ++i) words.push_back(a[i].Text());
+        // A word x*N stands for N copies of the hex x.
+        for (size_t i = 1; i < a.size(); ++i) {
+            words.push_back(a[i].raw.find('*') != std::string::npos ? zultest::Hex(a[i].Bytes()) : a[i].Text());
+        }
         return Zul(Str(a[0].Bytes()), words);
     };
     const auto refuse = [run](bool usage) {
