@@ -5,10 +5,10 @@
 # usage: usm_interop.sh USM_GET USM_AGENT
 set -u
 get=$1 agent=$2 PATH=$PATH:/usr/sbin
-command -v snmpd >/dev/null && command -v snmpget >/dev/null || { echo "skipped: no snmpd, snmpget"; exit 77; }
+type snmpd snmpget &>/dev/null || { echo "skipped: no snmpd, snmpget"; exit 77; }
 dir=$(mktemp -d) daemon= failures=0
 # 0 when the daemon exits cleanly on SIGTERM.
-stop() { kill $daemon 2>/dev/null; wait $daemon 2>/dev/null; local status=$?; daemon=; return $status; }
+stop() { kill $daemon; wait $daemon; local status=$?; daemon=; return $status; } 2>/dev/null
 trap '[ -z "$daemon" ] || stop; rm -rf $dir' EXIT
 # snmpget keeps its own state and reads its configuration from here only.
 export SNMPCONFPATH=$dir SNMP_PERSISTENT_DIR=$dir/client HOME=$dir
@@ -20,7 +20,7 @@ fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 # and are lengthened, AES-192/AES-256 one way and AES-192-C/AES-256-C another; longer keys are cut.
 pairs=({MD5,SHA,SHA-224,SHA-256,SHA-384,SHA-512}/{DES,AES,AES-192,AES-256,AES-192-C,AES-256-C})
 s=1.3.6.1.2.1.1 # system
-uptime="^\.${s//./\\.}\.3\.0 = Timeticks: \([0-9]+\) [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$"
+uptime="^.$s.3.0 = Timeticks: \([0-9]+\) [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$"
 
 # user auth priv, the files under $dir of the auth and priv passwords, then OIDs.
 sget() { snmpget -m '' -v3 -On -l authPriv -u $1 -a $2 -x $3 -A $(<$dir/$4) -X $(<$dir/$5) -r 1 -t 3 127.0.0.1:$port "${@:6}"; }
@@ -36,35 +36,32 @@ refused() { # what message command...: exit 1 with the message and no value
 # has bound waits out its timeout). A daemon whose port was taken exits; another port is tried.
 start() {
   local bound
-  for _ in 1 2 3 4 5; do
+  for _ in {1..5}; do
     port=$((20000 + RANDOM % 40000))
     bound=$(printf '0100007F:%04X ' $port)
     grep -q "$bound" /proc/net/udp && continue
     $1 $3 $4 >$dir/log 2>&1 &
     daemon=$!
-    for _ in $(seq 200); do
+    for _ in {1..200}; do
       kill -0 $daemon 2>/dev/null && ! grep -q "$bound" /proc/net/udp || break
       sleep 0.1
     done
     kill -0 $daemon 2>/dev/null && sget $2 $3 $4 pw pw $s.1.0 >/dev/null 2>&1 && return
     stop
   done
-  fail "$1 did not answer as $2 $3 $4: $(cat $dir/log)"
+  fail "no $1 $3 $4: $(<$dir/log)"
   return 1
 }
 
 # ---- usm_get against snmpd: values that stay put (strings, an OID, the engine ID as hex, an
 # integer, a missing object), and sysUpTime's form. net-snmp's other spelling of a lengthened
 # cipher (AES192, AES256C, ...) names the same protocol.
+# User u$i has pair i, both passwords maplesyrup.
 for i in "${!pairs[@]}"; do
-  set -- ${pairs[i]/\// }
   echo "rouser u$i authpriv"
-  echo "createUser u$i $1 \"maplesyrup\" $2 \"maplesyrup\""
+  echo "createUser u$i ${pairs[i]/\// maplesyrup } maplesyrup"
 done >$dir/users
-snmpd_() {
-  { echo "agentAddress udp:127.0.0.1:$port"; cat $dir/users; } >$dir/snmpd.conf
-  exec snmpd -f -Lo -C -c $dir/snmpd.conf --persistentDir=$dir/snmpd -p $dir/snmpd.pid
-}
+snmpd_() { exec snmpd -f -Lo -C -c $dir/users --persistentDir=$dir/snmpd udp:127.0.0.1:$port; }
 oids=($s.1.0 $s.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 $s.99.0)
 if start snmpd_ u1 MD5 AES; then
   for i in "${!pairs[@]}"; do
@@ -72,44 +69,43 @@ if start snmpd_ u1 MD5 AES; then
     for priv in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo ${2//-/}); do
       expected=$(sget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
       actual=$(uget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
-      [ -n "$expected" ] && [ "$expected" = "$actual" ] || fail "usm_get $1 $priv: [$actual], snmpget: [$expected]"
+      [ -n "$expected" ] && [ "$expected" = "$actual" ] || fail "usm_get $1 $priv: [$actual] [$expected]"
     done
-    [[ $(uget u$i $1 $2 pw pw $s.3.0 2>&1) =~ $uptime ]] || fail "usm_get $1 $2 sysUpTime"
+    [[ $(uget u$i $1 $2 pw pw $s.3.0 2>&1) =~ $uptime ]] || fail "usm_get $1 $2 uptime"
   done
-  refused "wrong auth password" "Authentication failure" uget u0 MD5 DES wrong pw $s.1.0
-  refused "wrong priv password" "no response" uget u1 MD5 AES pw wrong $s.1.0
+  refused "wrong auth" "Authentication failure" uget u0 MD5 DES wrong pw $s.1.0
+  refused "wrong priv" "no response" uget u1 MD5 AES pw wrong $s.1.0
   refused "unknown user" "Unknown user name" uget nobody SHA AES pw pw $s.1.0
   stop
 fi
 
 # ---- usm_agent queried by snmpget, for every pair; a wrong auth password is refused, and
 # SIGTERM ends the agent cleanly.
-descr="$s.1.0 = STRING: \"libwexcryptcpp example agent\""
+descr=".$s.1.0 = STRING: \"libwexcryptcpp example agent\""
 agent_() { exec $agent --port $port --user alice --auth $1 --priv $2 --auth-password-file $dir/pw --priv-password-file $dir/pw; }
 for pair in "${pairs[@]}"; do
   set -- ${pair/\// }
   start agent_ alice $1 $2 || continue
   out=$(sget alice $1 $2 pw pw $s.1.0 $s.3.0 2>&1)
-  [ "${out%%$'\n'*}" = ".$descr" ] && [[ ${out#*$'\n'} =~ $uptime ]] || fail "usm_agent $pair: [$out]"
-  refused "usm_agent $pair, wrong auth password" "Authentication failure" sget alice $1 $2 wrong pw $s.1.0
-  stop || fail "usm_agent $pair did not stop cleanly on SIGTERM"
+  [[ ${out%%$'\n'*} = "$descr" && ${out#*$'\n'} =~ $uptime ]] || fail "usm_agent $pair: [$out]"
+  refused "usm_agent $pair, wrong auth" "Authentication failure" sget alice $1 $2 wrong pw $s.1.0
+  stop || fail "usm_agent $pair on SIGTERM"
 done
 
 # The last agent again: a wrong priv password, an unknown user, usm_get, and a request stamped
 # 100000 s off the agent's clock, which it must refuse with an authenticated notInTimeWindows
 # report (snmpget then takes the agent's time from it and asks again); then its usmStats counts.
 if start agent_ alice $1 $2; then
-  refused "usm_agent, wrong priv password" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
+  refused "usm_agent, wrong priv" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
   refused "usm_agent, unknown user" "Unknown user name" sget bob $1 $2 pw pw $s.1.0
-  [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = ".$descr" ] || fail "usm_get against usm_agent"
+  [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = "$descr" ] || fail "usm_get to usm_agent"
   engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' $dir/log)
-  late=$(sget alice $1 $2 pw pw -e 0x$engine -Z 1,100000 $s.1.0 2>&1)
-  [ "$late" = ".$descr" ] || fail "usm_agent after a late request: [$late]"
+  [ "$(sget alice $1 $2 pw pw -e 0x$engine -Z 1,100000 $s.1.0 2>&1)" = "$descr" ] || fail "late request"
   # usmStatsNotInTimeWindows, UnknownUserNames, WrongDigests, DecryptionErrors
   counts=$(sget alice $1 $2 pw pw 1.3.6.1.6.3.15.1.1.{2,3,5,6}.0 2>&1)
-  [ "$(sed 's/.*Counter32: //' <<<"$counts" | tr -d '\n')" = 1101 ] || fail "usm_agent usmStats: [$counts]"
-  stop || fail "usm_agent did not stop cleanly on SIGTERM"
-  grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" $dir/log || fail "usm_agent's counts on exit"
+  [ "$(sed 's/.*Counter32: //' <<<"$counts" | tr -d '\n')" = 1101 ] || fail "usmStats: [$counts]"
+  stop || fail "usm_agent on SIGTERM"
+  grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" $dir/log || fail "counts on exit"
 fi
 echo "$failures failure(s)"
 [ $failures = 0 ]

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <map>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -15,14 +14,16 @@
 
 namespace {
 
-using ZulcryptTest = zultest::PlatformTest;
+using namespace zultest;
+
+using ZulcryptTest = PlatformTest;
 
 using Words = std::vector<std::string>;
 
 std::string Str(const std::vector<unsigned char>& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 // The exit status as number, standard output as out and standard error as text.
-zultest::Outcome Zul(const std::string& input, Words words) {
+Outcome Zul(const std::string& input, Words words) {
     std::vector<char*> argv;
     for (std::string& word : words) argv.push_back(&word[0]);
     std::istringstream in(input);
@@ -33,40 +34,36 @@ zultest::Outcome Zul(const std::string& input, Words words) {
     return {true, status, err.str(), {printed.begin(), printed.end()}};
 }
 
-void Save(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
-
-std::string Load(const std::string& path) {
-    std::stringstream bytes;
-    bytes << std::ifstream(path, std::ios::binary).rdbuf();
-    return bytes.str();
+bool Save(const std::string& path, const std::string& bytes) {
+    return static_cast<bool>(std::ofstream(path, std::ios::binary) << bytes);
 }
 
 // Every command over its known answers: digests and MACs of a file, enc from standard input and
 // dec file to file, passwords from standard input (CRLF; one for both, or a second for privacy).
 TEST_F(ZulcryptTest, Vectors) {
     const std::string file = ::testing::TempDir() + "zulcrypt.in", sealed = file + ".out";
-    const std::map<std::string, std::string> options = {{"Auth", "--auth"}, {"Priv", "--priv"},
-                                                        {"EngineId", "--engine-id"}, {"Old", "--old"},
-                                                        {"New", "--new"}, {"Random", "--random"}};
-    for (const zultest::VectorCase& v : zultest::ReadVectors("zulcrypt.vec")) {
+    for (const VectorCase& v : ReadVectors("zulcrypt.vec")) {
         SCOPED_TRACE(v.Where());
         const auto text = [&](const char* name) { return v.Has(name) ? Str(v.Bytes(name)) : ""; };
         std::string input = text("In");
         Save(file, input);
-        Words words = {v.Has("Old") ? "keychange" : "usm-keys"};
+        Words words;
         if (v.Has("Digest")) words = {"digest", v.Text("Digest"), file};
         if (v.Has("Hmac")) words = {"hmac", v.Text("Hmac"), v.Text("Key"), file};
         if (v.Has("Cipher")) words = {"enc", v.Text("Cipher"), v.Text("Key"), v.Text("IV")};
         if (v.Has("Nopad")) words.push_back("--nopad");
-        for (const auto& option : options) {
-            if (v.Has(option.first)) words.insert(words.end(), {option.second, v.Text(option.first)});
+        if (v.Has("EngineId")) words = {"usm-keys", "--engine-id", v.Text("EngineId"), "--auth", v.Text("Auth")};
+        if (v.Has("Priv")) words.insert(words.end(), {"--priv", v.Text("Priv")});
+        if (v.Has("Old")) {
+            words = {"keychange", "--auth", v.Text("Auth"), "--old", v.Text("Old"), "--new", v.Text("New"),
+                     "--random", v.Text("Random")};
         }
         if (v.Has("Password")) {
             input = text("Password") + "\r\n" + text("PrivPassword") + "\n";
             words.insert(words.end(), {"--password-file", "-"});
         }
         if (v.Has("PrivPassword")) words.insert(words.end(), {"--priv-password-file", "-"});
-        const zultest::Outcome got = Zul(input, words);
+        const Outcome got = Zul(input, words);
         EXPECT_EQ(got.number, 0) << got.text;
         // A long ciphertext is known by its SHA-256.
         const bool big = v.Has("Sha256");
@@ -76,30 +73,27 @@ TEST_F(ZulcryptTest, Vectors) {
             words[0] = "dec";
             words.insert(words.end(), {file, sealed});
             EXPECT_EQ(Zul("", words).number, 0);
-            EXPECT_EQ(Load(sealed), input);
+            EXPECT_EQ(Zul("", {"digest", "SHA1", sealed}).out, Zul(input, {"digest", "SHA1"}).out);
         }
     }
 }
 
-// Run stdin word... runs the command table. Usage and Refuse run it too, require exit status 2
-// and take "zulcrypt COMMAND: " off standard error, Usage also " (see zulcrypt COMMAND --help)".
-// Write file bytes (- removes it).
-zultest::Calls ZulcryptCalls(CZulCryptContext&) {
-    zultest::Vars()["$tmp"] = ::testing::TempDir() + "zulcrypt";
-    const auto run = [](const zultest::Args& a) {
-        Words words;
-        // A word x*N stands for N copies of the hex x.
-        for (size_t i = 1; i < a.size(); ++i) {
-            words.push_back(a[i].raw.find('*') != std::string::npos ? zultest::Hex(a[i].Bytes()) : a[i].Text());
-        }
-        return Zul(Str(a[0].Bytes()), words);
-    };
-    const auto refuse = [run](bool usage) {
-        return [run, usage](const zultest::Args& a) {
-            zultest::Outcome outcome = run(a);
+// Run stdin word... runs the command table; a word x*N stands for N copies of the hex x. Usage and
+// Refuse run it too, require exit status 2 and take "zulcrypt COMMAND: " off standard error, Usage
+// also " (see zulcrypt COMMAND --help)". Write file bytes (- removes it).
+Calls ZulcryptCalls(CZulCryptContext&) {
+    Vars()["$tmp"] = ::testing::TempDir() + "zulcrypt";
+    const auto call = [](bool refused, bool usage) {
+        return [refused, usage](const Args& a) {
+            Words words;
+            for (size_t i = 1; i < a.size(); ++i) {
+                words.push_back(a[i].raw.find('*') != std::string::npos ? Hex(a[i].Bytes()) : a[i].Text());
+            }
+            Outcome outcome = Zul(Str(a[0].Bytes()), words);
+            if (!refused) return outcome;
             EXPECT_EQ(outcome.number, 2) << "exit status";
-            const std::string head = "zulcrypt " + a[1].Text() + ": ";
-            const std::string tail = usage ? " (see zulcrypt " + a[1].Text() + " --help)\n" : "\n";
+            const std::string head = "zulcrypt " + words[0] + ": ";
+            const std::string tail = usage ? " (see zulcrypt " + words[0] + " --help)\n" : "\n";
             std::string& text = outcome.text;
             const size_t end = text.size() - std::min(text.size(), tail.size());
             const bool framed = text.rfind(head, 0) == 0 && text.substr(end) == tail && end >= head.size();
@@ -107,19 +101,12 @@ zultest::Calls ZulcryptCalls(CZulCryptContext&) {
             return outcome;
         };
     };
-    return {
-        {"Run", run},
-        {"Usage", refuse(true)},
-        {"Refuse", refuse(false)},
-        {"Write",
-         [](const zultest::Args& a) {
-             if (a[1].IsNull()) return zultest::Ok(std::remove(a[0].Text().c_str()) == 0);
-             Save(a[0].Text(), Str(a[1].Bytes()));
-             return zultest::Ok(true);
-         }},
+    const auto write = [](const Args& a) {
+        return Ok(a[1].IsNull() ? std::remove(a[0].Text().c_str()) == 0 : Save(a[0].Text(), Str(a[1].Bytes())));
     };
+    return {{"Run", call(false, false)}, {"Refuse", call(true, false)}, {"Usage", call(true, true)}, {"Write", write}};
 }
 
-TEST_F(ZulcryptTest, Scripts) { zultest::RunScripts("zulcrypt_scripts.vec", ZulcryptCalls); }
+TEST_F(ZulcryptTest, Scripts) { RunScripts("zulcrypt_scripts.vec", ZulcryptCalls); }
 
 }  // namespace
