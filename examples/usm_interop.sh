@@ -4,16 +4,17 @@
 # here stopped by its pid on the way out. Exit 77 (skipped) without snmpd and snmpget.
 # usage: usm_interop.sh USM_GET USM_AGENT
 set -u
-get=$1 agent=$2 PATH=$PATH:/usr/sbin
+get=$(realpath $1) agent=$(realpath $2) PATH=$PATH:/usr/sbin
 type snmpd snmpget &>/dev/null || { echo "skipped: no snmpd, snmpget"; exit 77; }
 dir=$(mktemp -d) daemon= failures=0
+cd $dir
 # 0 when the daemon exits cleanly on SIGTERM.
-stop() { kill $daemon; wait $daemon; local status=$?; daemon=; return $status; } 2>/dev/null
+stop() { kill $daemon; wait $daemon; local s=$?; daemon=; return $s; } 2>/dev/null
 trap '[ -z "$daemon" ] || stop; rm -rf $dir' EXIT
 # snmpget keeps its own state and reads its configuration from here only.
 export SNMPCONFPATH=$dir SNMP_PERSISTENT_DIR=$dir/client HOME=$dir
-echo maplesyrup >$dir/pw
-echo maplesyrop >$dir/wrong
+echo maplesyrup >pw
+echo maplesyrop >wrong
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 # Every pair. MD5, SHA-1 and SHA-224 keys are too short for AES-256 (MD5 and SHA-1 for AES-192 too)
@@ -22,9 +23,9 @@ pairs=({MD5,SHA,SHA-224,SHA-256,SHA-384,SHA-512}/{DES,AES,AES-192,AES-256,AES-19
 s=1.3.6.1.2.1.1 # system
 uptime="^.$s.3.0 = Timeticks: \([0-9]+\) [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$"
 
-# user auth priv, the files under $dir of the auth and priv passwords, then OIDs.
-sget() { snmpget -m '' -v3 -On -l authPriv -u $1 -a $2 -x $3 -A $(<$dir/$4) -X $(<$dir/$5) -r 1 -t 3 127.0.0.1:$port "${@:6}"; }
-uget() { $get --user $1 --auth $2 --priv $3 --auth-password-file $dir/$4 --priv-password-file $dir/$5 127.0.0.1:$port "${@:6}"; }
+# user auth priv, the files of the auth and priv passwords, then OIDs.
+sget() { snmpget -m '' -v3 -On -l authPriv -u $1 -a $2 -x $3 -A $(<$4) -X $(<$5) -r 1 -t 3 127.0.0.1:$port "${@:6}"; }
+uget() { $get --user $1 --auth $2 --priv $3 --auth-password-file $4 --priv-password-file $5 127.0.0.1:$port "${@:6}"; }
 refused() { # what message command...: exit 1 with the message and no value
   local out
   out=$("${@:3}" 2>&1)
@@ -40,7 +41,7 @@ start() {
     port=$((20000 + RANDOM % 40000))
     bound=$(printf '0100007F:%04X ' $port)
     grep -q "$bound" /proc/net/udp && continue
-    $1 $3 $4 >$dir/log 2>&1 &
+    $1 $3 $4 >log 2>&1 &
     daemon=$!
     for _ in {1..200}; do
       kill -0 $daemon 2>/dev/null && ! grep -q "$bound" /proc/net/udp || break
@@ -49,7 +50,7 @@ start() {
     kill -0 $daemon 2>/dev/null && sget $2 $3 $4 pw pw $s.1.0 >/dev/null 2>&1 && return
     stop
   done
-  fail "no $1 $3 $4: $(<$dir/log)"
+  fail "no $1 $3 $4: $(<log)"
   return 1
 }
 
@@ -60,16 +61,16 @@ start() {
 for i in "${!pairs[@]}"; do
   echo "rouser u$i authpriv"
   echo "createUser u$i ${pairs[i]/\// maplesyrup } maplesyrup"
-done >$dir/users
-snmpd_() { exec snmpd -f -Lo -C -c $dir/users --persistentDir=$dir/snmpd udp:127.0.0.1:$port; }
+done >users
+snmpd_() { exec snmpd -f -Lo -C -c users --persistentDir=snmpd udp:127.0.0.1:$port; }
 oids=($s.1.0 $s.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 $s.99.0)
 if start snmpd_ u1 MD5 AES; then
   for i in "${!pairs[@]}"; do
     set -- ${pairs[i]/\// }
     for priv in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo ${2//-/}); do
-      expected=$(sget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
-      actual=$(uget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
-      [ -n "$expected" ] && [ "$expected" = "$actual" ] || fail "usm_get $1 $priv: [$actual] [$expected]"
+      want=$(sget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
+      got=$(uget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
+      [[ $want && $want = "$got" ]] || fail "usm_get $1 $priv: [$got] [$want]"
     done
     [[ $(uget u$i $1 $2 pw pw $s.3.0 2>&1) =~ $uptime ]] || fail "usm_get $1 $2 uptime"
   done
@@ -82,7 +83,7 @@ fi
 # ---- usm_agent queried by snmpget, for every pair; a wrong auth password is refused, and
 # SIGTERM ends the agent cleanly.
 descr=".$s.1.0 = STRING: \"libwexcryptcpp example agent\""
-agent_() { exec $agent --port $port --user alice --auth $1 --priv $2 --auth-password-file $dir/pw --priv-password-file $dir/pw; }
+agent_() { exec $agent --port $port --user alice --auth $1 --priv $2 --auth-password-file pw --priv-password-file pw; }
 for pair in "${pairs[@]}"; do
   set -- ${pair/\// }
   start agent_ alice $1 $2 || continue
@@ -99,13 +100,13 @@ if start agent_ alice $1 $2; then
   refused "usm_agent, wrong priv" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
   refused "usm_agent, unknown user" "Unknown user name" sget bob $1 $2 pw pw $s.1.0
   [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = "$descr" ] || fail "usm_get to usm_agent"
-  engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' $dir/log)
+  engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' log)
   [ "$(sget alice $1 $2 pw pw -e 0x$engine -Z 1,100000 $s.1.0 2>&1)" = "$descr" ] || fail "late request"
   # usmStatsNotInTimeWindows, UnknownUserNames, WrongDigests, DecryptionErrors
   counts=$(sget alice $1 $2 pw pw 1.3.6.1.6.3.15.1.1.{2,3,5,6}.0 2>&1)
   [ "$(sed 's/.*Counter32: //' <<<"$counts" | tr -d '\n')" = 1101 ] || fail "usmStats: [$counts]"
   stop || fail "usm_agent on SIGTERM"
-  grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" $dir/log || fail "counts on exit"
+  grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" log || fail "counts on exit"
 fi
 echo "$failures failure(s)"
 [ $failures = 0 ]
