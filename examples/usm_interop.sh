@@ -67,10 +67,10 @@ oids=($s.1.0 $s.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 $s.99.0)
 if start snmpd_ u1 MD5 AES; then
   for i in "${!pairs[@]}"; do
     set -- ${pairs[i]/\// }
-    for priv in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo ${2//-/}); do
-      want=$(sget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
-      got=$(uget u$i $1 $priv pw pw "${oids[@]}" 2>&1)
-      [[ $want && $want = "$got" ]] || fail "usm_get $1 $priv: [$got] [$want]"
+    for x in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo ${2//-/}); do
+      want=$(sget u$i $1 $x pw pw "${oids[@]}" 2>&1)
+      got=$(uget u$i $1 $x pw pw "${oids[@]}" 2>&1)
+      [[ $want && $want = "$got" ]] || fail "usm_get $1 $x: [$got] [$want]"
     done
     [[ $(uget u$i $1 $2 pw pw $s.3.0 2>&1) =~ $uptime ]] || fail "usm_get $1 $2 uptime"
   done
@@ -88,24 +88,24 @@ for pair in "${pairs[@]}"; do
   set -- ${pair/\// }
   start agent_ alice $1 $2 || continue
   out=$(sget alice $1 $2 pw pw $s.1.0 $s.3.0 2>&1)
-  [[ ${out%%$'\n'*} = "$descr" && ${out#*$'\n'} =~ $uptime ]] || fail "usm_agent $pair: [$out]"
-  refused "usm_agent $pair, wrong auth" "Authentication failure" sget alice $1 $2 wrong pw $s.1.0
-  stop || fail "usm_agent $pair on SIGTERM"
+  [[ ${out%%$'\n'*} = "$descr" && ${out#*$'\n'} =~ $uptime ]] || fail "agent $pair: [$out]"
+  refused "agent $pair wrong auth" "Authentication failure" sget alice $1 $2 wrong pw $s.1.0
+  stop || fail "agent $pair SIGTERM"
 done
 
 # The last agent again: a wrong priv password, an unknown user, usm_get, and a request stamped
 # 100000 s off the agent's clock, which it must refuse with an authenticated notInTimeWindows
 # report (snmpget then takes the agent's time from it and asks again); then its usmStats counts.
 if start agent_ alice $1 $2; then
-  refused "usm_agent, wrong priv" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
-  refused "usm_agent, unknown user" "Unknown user name" sget bob $1 $2 pw pw $s.1.0
-  [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = "$descr" ] || fail "usm_get to usm_agent"
+  refused "agent wrong priv" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
+  refused "agent unknown user" "Unknown user name" sget bob $1 $2 pw pw $s.1.0
+  [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = "$descr" ] || fail "usm_get to agent"
   engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' log)
   [ "$(sget alice $1 $2 pw pw -e 0x$engine -Z 1,100000 $s.1.0 2>&1)" = "$descr" ] || fail "late request"
   # usmStatsNotInTimeWindows, UnknownUserNames, WrongDigests, DecryptionErrors
   counts=$(sget alice $1 $2 pw pw 1.3.6.1.6.3.15.1.1.{2,3,5,6}.0 2>&1)
   [ "$(sed 's/.*Counter32: //' <<<"$counts" | tr -d '\n')" = 1101 ] || fail "usmStats: [$counts]"
-  stop || fail "usm_agent on SIGTERM"
+  stop || fail "agent SIGTERM"
   grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" log || fail "counts on exit"
 fi
 echo "$failures failure(s)"

@@ -42,7 +42,7 @@ TEST_F(ZulcryptTest, Vectors) {
     const std::string file = ::testing::TempDir() + "zulcrypt.in", sealed = file + ".out";
     for (const VectorCase& v : ReadVectors("zulcrypt.vec")) {
         SCOPED_TRACE(v.Where());
-        const auto text = [&](const char* name) { return v.Has(name) ? Str(v.Bytes(name)) : ""; };
+        const auto text = [&](const char* n) { return v.Has(n) ? Str(v.Bytes(n)) : ""; };
         std::string input = text("In");
         Save(file, input);
         Words words;
@@ -89,13 +89,13 @@ Calls ZulcryptCalls(CZulCryptContext&) {
             }
             Outcome outcome = Zul(Str(a[0].Bytes()), words);
             if (!refused) return outcome;
-            EXPECT_EQ(outcome.number, 2) << "exit status";
+            EXPECT_EQ(outcome.number, 2);
             const std::string head = "zulcrypt " + words[0] + ": ";
             const std::string tail = usage ? " (see zulcrypt " + words[0] + " --help)\n" : "\n";
             std::string& text = outcome.text;
             const size_t end = text.size() - std::min(text.size(), tail.size());
             const bool framed = text.rfind(head, 0) == 0 && text.substr(end) == tail && end >= head.size();
-            text = framed ? text.substr(head.size(), end - head.size()) : "unframed: " + text;
+            text = framed ? text.substr(head.size(), end - head.size()) : "unframed " + text;
             return outcome;
         };
     };
