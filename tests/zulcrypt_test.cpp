@@ -1,86 +1,114 @@
-// The zulcrypt tool's digest, hmac, enc, dec and selftest commands, run through
-// its command table as the tool runs them, and the built binary once: the
-// scripts of tests/data/zulcrypt_scripts.vec.
+// The zulcrypt tool run through its command table as main runs it: the known answers of
+// tests/vectors/zulcrypt.vec, and the scripts of tests/data/zulcrypt_scripts.vec.
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "commands.h"
 #include "script.h"
 #include "test_support.h"
+#include "vector_file.h"
 
 namespace {
 
-class ZulcryptTest : public zultest::PlatformTest {};
+using namespace zultest;
 
-// Run stdin word... ("text"*N a word of N copies): the exit status as Result, standard output as Out and
-// standard error as Text. Binary word...: the built tool, standard output only.
-// Write file bytes / Read file: files under $tmp.
-zultest::Calls ZulcryptCalls(CZulCryptContext&) {
-    zultest::Vars()["$tmp"] = ::testing::TempDir() + "zulcrypt";
-    using zultest::Args;
-    auto outcome = [](int status, const std::string& out, const std::string& err) {
-        zultest::Outcome result = zultest::Number(status);
-        result.out.assign(out.begin(), out.end());
-        result.text = err;
-        return result;
-    };
-    return {
-        {"Run",
-         [=](const Args& a) {
-             const auto input = a[0].Bytes();
-             std::vector<std::string> words = {"zulcrypt"};
-             for (size_t i = 1; i < a.size(); ++i) {
-                 const auto text = a[i].raw[0] == '"' ? a[i].Bytes() : std::vector<unsigned char>();
-                 words.push_back(a[i].raw[0] == '"' ? std::string(text.begin(), text.end()) : a[i].Text());
-             }
-             std::vector<char*> argv;
-             for (std::string& word : words) argv.push_back(word.data());
-             std::istringstream in(std::string(input.begin(), input.end()));
-             std::ostringstream out, err;
-             zulcrypt::Streams io{in, out, err};
-             const int status = zulcrypt::Dispatch(static_cast<int>(argv.size()) - 1, argv.data() + 1, io);
-             return outcome(status, out.str(), err.str());
-         }},
-        {"Binary",
-         [=](const Args& a) {
-             std::string command = std::string("'") + ZULCRYPT_TOOL + "'";
-             for (const zultest::Arg& word : a) command += " " + word.Text();
-             std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-             std::string output;
-             char buffer[256];
-             while (pipe && std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) output += buffer;
-             return outcome(pipe ? pclose(pipe.release()) : -1, output, "");
-         }},
-        {"Write",
-         [](const Args& a) {
-             const auto bytes = a[1].Bytes();
-             std::ofstream(a[0].Text(), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                                                 static_cast<std::streamsize>(bytes.size()));
-             return zultest::Ok(true);
-         }},
-        {"Read",
-         [](const Args& a) {
-             std::ifstream in(a[0].Text(), std::ios::binary);
-             const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-             std::remove(a[0].Text().c_str());
-             zultest::Outcome result = zultest::Number(static_cast<long>(bytes.size()));
-             result.out.assign(bytes.begin(), bytes.end());
-             return result;
-         }},
-    };
+using ZulcryptTest = PlatformTest;
+
+using Words = std::vector<std::string>;
+
+std::string Str(const std::vector<unsigned char>& bytes) { return std::string(bytes.begin(), bytes.end()); }
+
+// The exit status as number, standard output as out and standard error as text.
+Outcome Zul(const std::string& input, Words words) {
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(&word[0]);
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    zulcrypt::Streams io{in, out, err};
+    const long status = zulcrypt::Dispatch(static_cast<int>(argv.size()), argv.data(), io);
+    const std::string printed = out.str();
+    return {true, status, err.str(), {printed.begin(), printed.end()}};
 }
 
-TEST_F(ZulcryptTest, Scripts) {
-    for (const char* file : {"zulcrypt_scripts.vec", "snmp_usm_tool.vec"}) {
-        zultest::RunScripts(file, ZulcryptCalls);
+void Save(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+// Every command over its known answers: digests and MACs of a file, enc from standard input to
+// standard output and dec into a file, passwords from standard input (CRLF; one for both, or a
+// second for privacy).
+TEST_F(ZulcryptTest, Vectors) {
+    const std::string file = ::testing::TempDir() + "zulcrypt.in", sealed = file + ".out";
+    for (const VectorCase& v : ReadVectors("zulcrypt.vec")) {
+        SCOPED_TRACE(v.Where());
+        const auto text = [&](const char* n) { return v.Has(n) ? Str(v.Bytes(n)) : ""; };
+        std::string input = text("In");
+        Save(file, input);
+        Words words;
+        if (v.Has("Digest")) words = {"digest", v.Text("Digest"), file};
+        if (v.Has("Hmac")) words = {"hmac", v.Text("Hmac"), v.Text("Key"), file};
+        if (v.Has("Cipher")) words = {"enc", v.Text("Cipher"), v.Text("Key"), v.Text("IV")};
+        if (v.Has("Nopad")) words.push_back("--nopad");
+        if (v.Has("EngineId")) words = {"usm-keys", "--engine-id", v.Text("EngineId"), "--auth", v.Text("Auth")};
+        if (v.Has("Priv")) words.insert(words.end(), {"--priv", v.Text("Priv")});
+        if (v.Has("Old")) {
+            words = {"keychange", "--auth", v.Text("Auth"), "--old", v.Text("Old"), "--new", v.Text("New"),
+                     "--random", v.Text("Random")};
+        }
+        if (v.Has("Password")) {
+            input = text("Password") + "\r\n" + text("PrivPassword") + "\n";
+            words.insert(words.end(), {"--password-file", "-"});
+        }
+        if (v.Has("PrivPassword")) words.insert(words.end(), {"--priv-password-file", "-"});
+        const Outcome got = Zul(input, words);
+        EXPECT_EQ(got.number, 0) << got.text;
+        // A long ciphertext is known by its SHA-256.
+        const bool big = v.Has("Sha256");
+        EXPECT_EQ(Str(big ? Zul(Str(got.out), {"digest", "SHA256"}).out : got.out), text(big ? "Sha256" : "Out"));
+        if (v.Has("Cipher")) {
+            // An OUT of the last run's would hide a dec that wrote nothing.
+            Save(sealed, "");
+            words[0] = "dec";
+            words.insert(words.end(), {"-", sealed});
+            Zul(Str(got.out), words);
+            EXPECT_EQ(Zul("", {"digest", "SHA1", sealed}).out, Zul(input, {"digest", "SHA1"}).out);
+        }
     }
 }
+
+// Run stdin word... runs the command table; a word x*N stands for N copies of the hex x. Usage and
+// Refuse run it too, require exit status 2 and take "zulcrypt COMMAND: " off standard error, Usage
+// also " (see zulcrypt COMMAND --help)". Write file bytes (- removes it).
+Calls ZulcryptCalls(CZulCryptContext&) {
+    Vars()["$tmp"] = ::testing::TempDir() + "zulcrypt";
+    const auto call = [](bool refused, bool usage) {
+        return [refused, usage](const Args& a) {
+            Words words;
+            for (size_t i = 1; i < a.size(); ++i) {
+                words.push_back(a[i].raw.find('*') != std::string::npos ? Hex(a[i].Bytes()) : a[i].Text());
+            }
+            Outcome outcome = Zul(Str(a[0].Bytes()), words);
+            if (!refused) return outcome;
+            EXPECT_EQ(outcome.number, 2);
+            const std::string head = "zulcrypt " + words[0] + ": ";
+            const std::string tail = usage ? " (see zulcrypt " + words[0] + " --help)\n" : "\n";
+            std::string& text = outcome.text;
+            const size_t end = text.size() - std::min(text.size(), tail.size());
+            const bool framed = text.rfind(head, 0) == 0 && text.substr(end) == tail && end >= head.size();
+            text = framed ? text.substr(head.size(), end - head.size()) : "unframed " + text;
+            return outcome;
+        };
+    };
+    const auto write = [](const Args& a) {
+        if (a[1].IsNull()) return Ok(std::remove(a[0].Text().c_str()) == 0);
+        Save(a[0].Text(), Str(a[1].Bytes()));
+        return Ok(true);
+    };
+    return {{"Run", call(false, false)}, {"Refuse", call(true, false)}, {"Usage", call(true, true)}, {"Write", write}};
+}
+
+TEST_F(ZulcryptTest, Scripts) { RunScripts("zulcrypt_scripts.vec", ZulcryptCalls); }
 
 }  // namespace
