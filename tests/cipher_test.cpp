@@ -84,7 +84,7 @@ TEST_F(CipherTest, Vectors) {
     EXPECT_TRUE(diagnostics->errors.empty());
 }
 
-// The script calls on one object. "Encrypt name key keyLength [iv]" uses the
+// The script calls on one object. "Encrypt name|- key keyLength [iv]" uses the
 // five-argument form when an IV is given; "EncryptData in [length]" writes into a
 // buffer of ours, EncryptAlloc into the object's (freed as the caller would, whatever
 // the outcome: a buffer the object freed itself fails there); "EncryptFinal -" passes
@@ -106,7 +106,7 @@ Calls CipherCalls(CZulCryptContext& context) {
         const std::string way = enc ? "Encrypt" : "Decrypt";
         calls[way] = [=](auto& a) {
             const B iv = a.size() > 3 ? a[3].Bytes() : B();
-            return Ok(Key(*c, enc, a[0].Text().c_str(), a[1].Bytes(), int(a[2].Number()), iv, int(iv.size())));
+            return Ok(Key(*c, enc, a[0].IsNull() ? nullptr : a[0].Text().c_str(), a[1].Bytes(), int(a[2].Number()), iv, int(iv.size())));
         };
         for (const bool alloc : {false, true}) {
             calls[way + (alloc ? "Alloc" : "Data")] = [=](auto& a) {
