@@ -3,7 +3,6 @@
 // caller sees besides (refusals, reports, traces, injected VKL faults) is the
 // scripts of tests/data/cipher_scripts.vec.
 #include <climits>
-#include <cstdint>
 #include <cstdlib>
 
 #include <sys/resource.h>
@@ -47,10 +46,11 @@ B Through(C& c, const VectorCase& v, bool enc, bool alloc) {
     const std::string name = v.Text("Cipher");
     const int k = v.Has("KeyLength") ? int(v.Number("KeyLength")) : 0, n = alloc ? 0 : int(iv.size());
     if (!alloc) c.ResetCipher();
+    if (!alloc) { EXPECT_EQ(c.GetKeySize(), -1); }  // the reset dropped the cipher
     EXPECT_TRUE(Key(c, enc, name.c_str(), key, k, iv, n));
     EXPECT_TRUE(c.SetPadding(v.Has("Padding")));
     B out, last(size_t(c.GetBlockSize()));
-    InPieces(v.Bytes(enc ? "In" : "Out"), {alloc ? 1 : SIZE_MAX, 15, 17}, [&](const unsigned char* p, size_t size) {
+    InPieces(v.Bytes(enc ? "In" : "Out"), {alloc ? 1 : size_t(-1) /* all */, 15, 17}, [&](const unsigned char* p, size_t size) {
         B buffer(size_t(c.GetBufferSize(int(size), enc)));
         unsigned char* mine = nullptr;
         int got = 0;
@@ -81,7 +81,6 @@ TEST_F(CipherTest, Vectors) {
             EXPECT_EQ(Hex(Through(cipher, v, false, alloc)), Hex(v.Bytes("In")));
         }
     }
-    EXPECT_TRUE(diagnostics->errors.empty());
 }
 
 // The script calls on one object. "Encrypt name|- key keyLength [iv]" uses the
