@@ -1,119 +1,90 @@
-// CZulCryptBigNum and CZulCryptDH: the known answers of tests/vectors/dh.vec, agreement of
-// generated keys, and the cases of tests/data/bignum_scripts.vec and dh_scripts.vec.
+// CZulCryptBigNum and CZulCryptDH: the known answers of tests/vectors/dh.vec and the
+// cases of tests/data/bignum_scripts.vec and dh_scripts.vec.
 #include <czulcryptbignum.h>
 #include <czulcryptdh.h>
-#include <wexcrypt.h>
 
 #include "script.h"
 #include "test_support.h"
 #include "vector_file.h"
 
+namespace zultest {
 namespace {
 
-using zultest::Args;
-using Bytes = std::vector<unsigned char>;
-class DhTest : public zultest::ContextTest {};
+using Buf = std::vector<unsigned char>;
+class DhTest : public ContextTest {};
 
-Bytes Of(const CZulCryptBigNum* n) { return n ? Bytes(n->GetBigNumPacket(), n->GetBigNumPacket() + n->GetLen()) : Bytes(); }
-Bytes Secret(CZulCryptDH& dh) { int n = 0; const unsigned char* s = dh.GetSharedSecret(n); return s ? Bytes(s, s + n) : Bytes(); }
-
-// The private and public value written into the object's record (the word after the vtable and the context's).
-void SetKey(CZulCryptDH& dh, VKL_t* vkl, const Bytes& x, const Bytes& y) {
-    VKL_DH_t* record = reinterpret_cast<C_VKL_DH_Wrap**>(&dh)[2]->m_pDH;
-    record->priv_key = VKL_BN_bin2bn(vkl, x.data(), static_cast<int>(x.size()), record->priv_key);
-    record->pub_key = VKL_BN_bin2bn(vkl, y.data(), static_cast<int>(y.size()), record->pub_key);
-}
+Buf Of(const unsigned char* data, int n) { return data ? Buf(data, data + n) : Buf(); }
 
 TEST_F(DhTest, Vectors) {
-    for (const auto& v : zultest::ReadVectors("dh.vec")) {
+    for (const auto& v : ReadVectors("dh.vec")) {
         SCOPED_TRACE(v.Where());
-        const bool two = v.Number("Group") == 2;
-        if (v.Has("Prime")) {
-            EXPECT_EQ(v.Bytes("Prime"), two ? Bytes(CZulCryptDH::ms_Oakley2Prime, CZulCryptDH::ms_Oakley2Prime + 128)
-                                            : Bytes(CZulCryptDH::ms_Oakley14Prime, CZulCryptDH::ms_Oakley14Prime + 256));
-            continue;
-        }
         CZulCryptDH dh(*context);
-        ASSERT_TRUE(two ? dh.SetOakleyGroup2() : dh.SetOakleyGroup14());
-        SetKey(dh, vkl, v.Bytes("Priv"), v.Bytes("Pub"));
+        ASSERT_TRUE(v.Number("Group") == 2 ? dh.SetOakleyGroup2() : dh.SetOakleyGroup14());
+        // The fixed key pair goes into the object's record (the word after the vtable and the context's).
+        VKL_DH_t* record = reinterpret_cast<C_VKL_DH_Wrap**>(&dh)[2]->m_pDH;
+        const Buf x = v.Bytes("Priv"), y = v.Bytes("Pub"), peer = v.Bytes("Peer");
+        record->priv_key = VKL_BN_bin2bn(vkl, x.data(), x.size(), record->priv_key);
+        record->pub_key = VKL_BN_bin2bn(vkl, y.data(), y.size(), record->pub_key);
         std::unique_ptr<CZulCryptBigNum> pub(dh.GetPublicKey());
-        EXPECT_EQ(Of(pub.get()), v.Bytes("Pub"));
-        CZulCryptBigNum peer(*context);
-        const Bytes b = v.Bytes("Peer");
-        ASSERT_TRUE(peer.SetNumber(static_cast<unsigned>(b.size()), b.data()));
-        dh.ComputeSharedSecret(&peer);
-        EXPECT_TRUE(dh.GetStatus());
-        EXPECT_EQ(Secret(dh), v.Bytes("Out"));
+        EXPECT_EQ(Of(pub->GetBigNumPacket(), pub->GetLen()), y);
+        CZulCryptBigNum number(*context);
+        ASSERT_TRUE(number.SetNumber(peer.size(), peer.data()));
+        dh.ComputeSharedSecret(&number);
+        int n = 0;
+        const unsigned char* secret = dh.GetSharedSecret(n);
+        EXPECT_TRUE(dh.GetStatus() && Of(secret, n) == v.Bytes("Out"));
     }
 }
 
-// Generated key pairs, on a fixed group and on generated parameters, agree.
-TEST_F(DhTest, GeneratedKeysAgree) {
-    CZulCryptDH a(*context), b(*context), c(*context, 512, 2);
-    ASSERT_TRUE(a.SetOakleyGroup14() && b.SetOakleyGroup14() && c.GetStatus());
-    std::unique_ptr<CZulCryptBigNum> pa(a.GetPublicKey()), pb(b.GetPublicKey()), pc(c.GetPublicKey());
-    a.ComputeSharedSecret(pb.get());
-    b.ComputeSharedSecret(pa.get());
-    c.ComputeSharedSecret(pc.get());
-    EXPECT_EQ(Secret(a).size(), 256u);
-    EXPECT_EQ(Secret(a), Secret(b));
-    EXPECT_EQ(Secret(c).size(), 64u);
-    EXPECT_TRUE(a.GetStatus() && b.GetStatus() && c.GetStatus());
-}
-
-// One number (the DH object's peer value) and one DH object (made by New). - is a null pointer.
-zultest::Calls Calls(CZulCryptContext& context) {
+// One number (the DH object's peer value) and one DH object (made by New); - is a null pointer.
+Calls Driver(CZulCryptContext& context) {
     auto n = std::make_shared<CZulCryptBigNum>(context);
     auto dh = std::make_shared<std::unique_ptr<CZulCryptDH>>();
     CZulCryptContext* c = &context;
     VKL_t* vkl = context.GetContext() ? context.GetContext()->m_pCtx : nullptr;
-    auto held = [=] { auto o = zultest::Bytes(true, n->GetBigNumPacket(), n->GetLen()); o.number = n->GetLen(); return o; };
-    return {
-        // Set bytes [count]
-        {"Set", [=](const Args& a) {
-             const Bytes in = a[0].IsNull() ? Bytes() : a[0].Bytes();
-             return zultest::Ok(n->SetNumber(a.size() > 1 ? static_cast<unsigned>(a[1].Number()) : in.size(), a[0].IsNull() ? nullptr : in.data()));
-         }},
-        {"Packet", [=](const Args& a) { const Bytes in = a[0].IsNull() ? Bytes() : a[0].Bytes(); return zultest::Ok(n->SetNumber(a[0].IsNull() ? nullptr : in.data())); }},
-        {"Self", [=](const Args&) { return zultest::Ok(n->SetNumber(n->GetLen(), n->GetBigNumPacket())); }},
-        {"Held", [=](const Args&) { return held(); }},
-        // FromVkl bytes [negative]
-        {"FromVkl", [=](const Args& a) {
-             const Bytes in = a[0].IsNull() ? Bytes() : a[0].Bytes();
-             C_VKL_BIGNUM_Wrap number(VKL_BN_bin2bn(vkl, in.data(), static_cast<int>(in.size()), nullptr));
-             if (a.size() > 1) VKL_BN_set_negative(vkl, number.m_pBigNum, 1);
-             const bool ok = n->SetNumber(a[0].IsNull() ? nullptr : &number);
-             VKL_BN_clear_free(vkl, number.m_pBigNum);
-             return zultest::Ok(ok);
-         }},
-        // ToVkl: the value of the VKL number built; Populate [-]: written into a new one.
-        {"ToVkl", [=](const Args& a) {
-             std::unique_ptr<C_VKL_BIGNUM_Wrap> made(a.empty() ? n->BuildNumber() : new C_VKL_BIGNUM_Wrap(VKL_BN_new(vkl)));
-             const bool ok = made && (a.empty() || n->PopulateNumber(a[0].IsNull() ? nullptr : made.get()));
-             unsigned char out[512];
-             const int length = made ? VKL_BN_bn2bin(vkl, made->m_pBigNum, out) : 0;
-             if (made) VKL_BN_clear_free(vkl, made->m_pBigNum);
-             return zultest::Bytes(ok, out, static_cast<size_t>(length));
-         }},
-        {"Random", [=](const Args& a) { n->PopulateRandom(static_cast<unsigned>(a[0].Number())); return held(); }},
-        {"Dump", [=](const Args&) { testing::internal::CaptureStdout(); n->Dump(); return zultest::Text(testing::internal::GetCapturedStdout().c_str()); }},
-        // New [primeBits generator]
-        {"New", [=](const Args& a) {
-             *dh = a.empty() ? std::make_unique<CZulCryptDH>(*c) : std::make_unique<CZulCryptDH>(*c, a[0].Number(), a[1].Number());
-             return zultest::Ok((*dh)->GetStatus());
-         }},
-        {"Group", [=](const Args& a) { return zultest::Ok(a[0].Number() == 2 ? (*dh)->SetOakleyGroup2() : (*dh)->SetOakleyGroup14()); }},
-        {"Size", [=](const Args&) { return zultest::Number((*dh)->GetSize()); }},
-        {"Public", [=](const Args&) { std::unique_ptr<CZulCryptBigNum> p((*dh)->GetPublicKey()); return zultest::Ok(p != nullptr); }},
-        // Compute [-]: with the number (or null); Ok is the status after.
-        {"Compute", [=](const Args& a) { (*dh)->ComputeSharedSecret(a.empty() ? n.get() : nullptr); return zultest::Ok((*dh)->GetStatus()); }},
-        {"Secret", [=](const Args&) { int length = 0; const unsigned char* s = (*dh)->GetSharedSecret(length); auto o = zultest::Ok(s != nullptr); o.number = length; return o; }},
+    auto bytes = [](const Arg& a) { return a.IsNull() ? Buf() : a.Bytes(); };
+    auto held = [=] { Outcome o = Bytes(true, n->GetBigNumPacket(), n->GetLen()); o.number = n->GetLen(); return o; };
+    // FromVkl bytes [negative]: set from a VKL number.
+    auto fromVkl = [=](const Args& a) {
+        const Buf in = bytes(a[0]);
+        C_VKL_BIGNUM_Wrap number(VKL_BN_bin2bn(vkl, in.data(), in.size(), nullptr));
+        if (a.size() > 1) VKL_BN_set_negative(vkl, number.m_pBigNum, 1);
+        const bool ok = n->SetNumber(a[0].IsNull() ? nullptr : &number);
+        VKL_BN_clear_free(vkl, number.m_pBigNum);
+        return Ok(ok);
     };
+    // ToVkl: the VKL number built; ToVkl x: the value written into a new one (ToVkl -: into none).
+    auto toVkl = [=](const Args& a) {
+        std::unique_ptr<C_VKL_BIGNUM_Wrap> made(a.empty() ? n->BuildNumber() : new C_VKL_BIGNUM_Wrap(VKL_BN_new(vkl)));
+        const bool ok = made && (a.empty() || n->PopulateNumber(a[0].IsNull() ? nullptr : made.get()));
+        unsigned char out[512];
+        const int length = made ? VKL_BN_bn2bin(vkl, made->m_pBigNum, out) : 0;
+        if (made) VKL_BN_clear_free(vkl, made->m_pBigNum);
+        return Bytes(ok, out, length);
+    };
+    // Public: this party's value, into the number.
+    auto pub = [=] {
+        std::unique_ptr<CZulCryptBigNum> p((*dh)->GetPublicKey());
+        if (p) n->SetNumber(p->GetLen(), p->GetBigNumPacket());
+        return Ok(p != nullptr);
+    };
+    auto secret = [=] { int length = 0; Outcome o = Ok((*dh)->GetSharedSecret(length) != nullptr); o.number = length; return o; };
+    return {ZUL_CALL("Set", Ok(n->SetNumber(a.size() > 1 ? a[1].Number() : bytes(a[0]).size(), a[0].IsNull() ? nullptr : bytes(a[0]).data()))),
+            ZUL_CALL("Packet", Ok(n->SetNumber(a[0].IsNull() ? nullptr : bytes(a[0]).data()))), ZUL_CALL("Self", Ok(n->SetNumber(n->GetLen(), n->GetBigNumPacket()))),
+            ZUL_CALL("Held", held()), ZUL_CALL("FromVkl", fromVkl(a)), ZUL_CALL("ToVkl", toVkl(a)),
+            ZUL_CALL("Random", (n->PopulateRandom(a[0].Number()), held())),
+            // New [primeBits generator]
+            ZUL_CALL("New", (*dh = a.empty() ? std::make_unique<CZulCryptDH>(*c) : std::make_unique<CZulCryptDH>(*c, a[0].Number(), a[1].Number()), Ok((*dh)->GetStatus()))),
+            ZUL_CALL("Group", Ok(a[0].Number() == 2 ? (*dh)->SetOakleyGroup2() : (*dh)->SetOakleyGroup14())), ZUL_CALL("Size", Number((*dh)->GetSize())),
+            ZUL_CALL("Public", pub()), ZUL_CALL("Secret", secret()),
+            // Compute [-]: with the number (or null); Ok is the status after.
+            ZUL_CALL("Compute", ((*dh)->ComputeSharedSecret(a.empty() ? n.get() : nullptr), Ok((*dh)->GetStatus())))};
 }
 
 TEST_F(DhTest, Scripts) {
-    zultest::RunScripts("bignum_scripts.vec", Calls);
-    zultest::RunScripts("dh_scripts.vec", Calls);
+    RunScripts("bignum_scripts.vec", Driver);
+    RunScripts("dh_scripts.vec", Driver);
 }
 
 }  // namespace
+}  // namespace zultest
