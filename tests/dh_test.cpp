@@ -43,7 +43,8 @@ Calls Driver(CZulCryptContext& context) {
     CZulCryptContext* c = &context;
     VKL_t* vkl = context.GetContext() ? context.GetContext()->m_pCtx : nullptr;
     auto bytes = [](const Arg& a) { return a.IsNull() ? Buf() : a.Bytes(); };
-    auto held = [=] { Outcome o = Bytes(true, n->GetBigNumPacket(), n->GetLen()); o.number = n->GetLen(); return o; };
+    // Calls on the number give their success, and the bytes held after with their count.
+    auto held = [=](bool ok) { Outcome o = Bytes(true, n->GetBigNumPacket(), n->GetLen()); o.ok = ok, o.number = n->GetLen(); return o; };
     // FromVkl bytes [negative]: set from a VKL number.
     auto fromVkl = [=](const Args& a) {
         const Buf in = bytes(a[0]);
@@ -51,7 +52,7 @@ Calls Driver(CZulCryptContext& context) {
         if (a.size() > 1) VKL_BN_set_negative(vkl, number.m_pBigNum, 1);
         const bool ok = n->SetNumber(a[0].IsNull() ? nullptr : &number);
         VKL_BN_clear_free(vkl, number.m_pBigNum);
-        return Ok(ok);
+        return held(ok);
     };
     // ToVkl: the VKL number built; ToVkl x: the value written into a new one (ToVkl -: into none).
     auto toVkl = [=](const Args& a) {
@@ -68,11 +69,10 @@ Calls Driver(CZulCryptContext& context) {
         if (p) n->SetNumber(p->GetLen(), p->GetBigNumPacket());
         return Ok(p != nullptr);
     };
-    auto secret = [=] { int length = 0; Outcome o = Ok((*dh)->GetSharedSecret(length) != nullptr); o.number = length; return o; };
-    return {ZUL_CALL("Set", Ok(n->SetNumber(a.size() > 1 ? a[1].Number() : bytes(a[0]).size(), a[0].IsNull() ? nullptr : bytes(a[0]).data()))),
-            ZUL_CALL("Packet", Ok(n->SetNumber(a[0].IsNull() ? nullptr : bytes(a[0]).data()))), ZUL_CALL("Self", Ok(n->SetNumber(n->GetLen(), n->GetBigNumPacket()))),
-            ZUL_CALL("Held", held()), ZUL_CALL("FromVkl", fromVkl(a)), ZUL_CALL("ToVkl", toVkl(a)),
-            ZUL_CALL("Random", (n->PopulateRandom(a[0].Number()), held())),
+    auto secret = [=] { int length = 0; const unsigned char* s = (*dh)->GetSharedSecret(length); Outcome o = Bytes(s != nullptr, s, length); o.number = length; return o; };
+    return {ZUL_CALL("Set", held(n->SetNumber(a.size() > 1 ? a[1].Number() : bytes(a[0]).size(), a[0].IsNull() ? nullptr : bytes(a[0]).data()))),
+            ZUL_CALL("Packet", held(n->SetNumber(a[0].IsNull() ? nullptr : bytes(a[0]).data()))), ZUL_CALL("Self", held(n->SetNumber(n->GetLen(), n->GetBigNumPacket()))),
+            ZUL_CALL("FromVkl", fromVkl(a)), ZUL_CALL("ToVkl", toVkl(a)), ZUL_CALL("Random", (n->PopulateRandom(a[0].Number()), held(true))),
             // New [primeBits generator]
             ZUL_CALL("New", (*dh = a.empty() ? std::make_unique<CZulCryptDH>(*c) : std::make_unique<CZulCryptDH>(*c, a[0].Number(), a[1].Number()), Ok((*dh)->GetStatus()))),
             ZUL_CALL("Group", Ok(a[0].Number() == 2 ? (*dh)->SetOakleyGroup2() : (*dh)->SetOakleyGroup14())), ZUL_CALL("Size", Number((*dh)->GetSize())),
