@@ -1,7 +1,6 @@
 // CZulCryptMDContext: the known answers of tests/vectors/digest.vec, and the
 // cases of tests/data/digest_scripts.vec (traces, states, failures).
 #include <czulcryptmdcontext.h>
-#include <vkl_testing.h>
 
 #include "script.h"
 #include "test_support.h"
@@ -28,9 +27,7 @@ TEST_F(DigestTest, Vectors) {
         SCOPED_TRACE(v.Where());
         const Buf in = v.Bytes("In"), out = v.Bytes("Out");
         const char* name = v.fields.at("Digest").c_str();
-        ASSERT_TRUE(md.SetType(name));
-        EXPECT_EQ(md.GetDigestSize(), static_cast<int>(out.size()));
-        EXPECT_EQ(Hash(md, in, {SIZE_MAX}), out);
+        EXPECT_TRUE(md.SetType(name) && Hash(md, in, {SIZE_MAX}) == out);
         md.ResetMessageDigest();
         EXPECT_TRUE(md.SetType(name) && Hash(md, in, {63, 1, 64, 65, 4097}) == out);
         EXPECT_TRUE(md.SetType(name) && md.AddData(const_cast<char*>("junk"), 4) && md.SetType(name) && Hash(md, in, {1, 135}) == out);
@@ -41,24 +38,13 @@ TEST_F(DigestTest, Vectors) {
 TEST_F(DigestTest, Scripts) {
     RunScripts("digest_scripts.vec", [](CZulCryptContext& context) -> Calls {
         auto md = std::make_shared<CZulCryptMDContext>(context);
-        auto add = [=](Buf in) { return md->AddData(in.data(), in.size()); };
         // Final [- for a null buffer]
         auto final = [=](bool buffer) { unsigned char out[64]; unsigned int n = 0; const bool ok = md->GetMessageDigest(buffer ? out : nullptr, &n); return Bytes(ok, out, n); };
-        return {ZUL_CALL("SetType", Ok(md->SetType(a[0].IsNull() ? nullptr : a[0].Text().c_str()))), ZUL_CALL("AddData", Ok(add(a[0].Bytes()))),
+        return {ZUL_CALL("SetType", Ok(md->SetType(a[0].IsNull() ? nullptr : a[0].Text().c_str()))), ZUL_CALL("AddData", Ok(md->AddData(a[0].Bytes().data(), a[0].Bytes().size()))),
                 ZUL_CALL("Final", final(a.empty())), ZUL_CALL("Reset", (md->ResetMessageDigest(), Ok(true))),
                 ZUL_CALL("Initialise", (md->Initialise(), Ok(true))), ZUL_CALL("Type", Text(md->GetType())),
                 ZUL_CALL("Size", Number(md->GetDigestSize())), ZUL_CALL("Block", Number(md->GetDigestBlockSize())), ZUL_CALL("Status", Ok(md->GetStatus()))};
     });
-}
-
-TEST_F(DigestTest, FailedReleaseIsReported) {
-    auto* md = new CZulCryptMDContext(*context);
-    // The holder follows the vtable pointer and the context reference; what the failed release left is freed here.
-    VKL_EVP_MD_CTX_t* left = reinterpret_cast<C_VKL_EVP_MD_CTX_Wrap**>(md)[2]->m_pMDCtx;
-    VKLTest_FailCall("VKL_EVP_MD_CTX_free", 0, 1, 0);
-    delete md;
-    EXPECT_EQ(diagnostics->TakeErrors("czulcryptmdcontext"), std::vector<std::string>{"VKL_EVP_MD_CTX_free: injected failure"});
-    VKL_EVP_MD_CTX_free(vkl, left);
 }
 
 }  // namespace zultest
