@@ -12,7 +12,7 @@ using Buf = std::vector<unsigned char>;
 class DigestTest : public ContextTest {};
 
 // The digest of `in` fed in pieces of the given sizes (cycling), after an empty one.
-Buf Hash(CZulCryptMDContext& md, const Buf& in, const std::vector<size_t>& pieces) {
+static Buf Hash(CZulCryptMDContext& md, const Buf& in, const std::vector<size_t>& pieces) {
     bool ok = md.AddData(const_cast<unsigned char*>(in.data()), 0);
     InPieces(in, pieces, [&](const unsigned char* p, size_t n) { ok = md.AddData(const_cast<unsigned char*>(p), n) && ok; });
     unsigned char out[64];

@@ -14,7 +14,7 @@ using Buf = std::vector<unsigned char>;
 class HmacTest : public ContextTest {};
 
 // GetHMAC into a buffer (or, allocating, its own); Result is the length it leaves (99 when untouched).
-Outcome Mac(CZulCryptHMAC& hmac, unsigned char* in, unsigned n, bool allocating, bool noOutput = false) {
+static Outcome Mac(CZulCryptHMAC& hmac, unsigned char* in, unsigned n, bool allocating, bool noOutput = false) {
     unsigned char buffer[64], *out = buffer;
     unsigned int length = 99;
     const bool ok = allocating ? hmac.GetHMAC(in, n, noOutput ? nullptr : &out, &length) : hmac.GetHMAC(in, n, noOutput ? nullptr : out, &length);

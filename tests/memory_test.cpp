@@ -13,7 +13,7 @@ namespace zultest {
 
 using Buf = std::vector<unsigned char>;
 using Rows = std::vector<std::pair<const char*, std::function<bool(CZulCryptContext&, std::vector<std::string>&)>>>;
-unsigned char* U(const char* text) { return reinterpret_cast<unsigned char*>(const_cast<char*>(text)); }
+static unsigned char* U(const char* text) { return reinterpret_cast<unsigned char*>(const_cast<char*>(text)); }
 
 // Every capability once, checked against outside values (also run from many threads); a
 // piece of work may add texts that explain a failure to `reports`.
