@@ -76,12 +76,11 @@ TEST_F(ContextTest, DefaultChannels) {
     C::SetLogLevel(3);
     CaptureStdout();
     C::HandleDebug("three\n", 3);
-    C::PrintData(nullptr, 0);
     unsigned char bytes[17];
     for (unsigned char i = 0; i < 17; ++i) bytes[i] = i;
-    C::PrintData(bytes, 17);
+    C::PrintData(nullptr, 17), C::PrintData(bytes, 0), C::PrintData(bytes, 17);
     std::cout << 255 << '\n';
-    EXPECT_EQ(GetCapturedStdout(), "three\n\nNULL\n    00-01-02-03-04-05-06-07___08-09-0A-0B-0C-0D-0E-0F\n"
+    EXPECT_EQ(GetCapturedStdout(), "three\n\nNULL\nNULL\n    00-01-02-03-04-05-06-07___08-09-0A-0B-0C-0D-0E-0F\n"
                                    "00  00 01 02 03 04 05 06 07   08 09 0a 0b 0c 0d 0e 0f \n01  10 \n255\n");
     C::SetLogLevel(0);
 }

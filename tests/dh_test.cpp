@@ -14,7 +14,6 @@ class DhTest : public ContextTest {};
 
 TEST_F(DhTest, Vectors) {
     for (const auto& v : ReadVectors("dh.vec")) {
-        SCOPED_TRACE(v.Where());
         CZulCryptDH dh(*context);
         ASSERT_TRUE(v.Number("Group") == 2 ? dh.SetOakleyGroup2() : dh.SetOakleyGroup14());
         // The fixed key pair goes into the object's record (the word after the vtable and the context's).
