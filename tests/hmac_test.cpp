@@ -1,99 +1,68 @@
-// CZulCryptHMAC: the known answers of tests/data/hmac.vec through both GetHMAC
-// forms and repeated use, and the traces, refusals and every failure inside the
-// class in tests/data/hmac_scripts.vec.
-#include <cstdlib>
-#include <memory>
-#include <string>
-#include <vector>
-
+// CZulCryptHMAC: the known answers of tests/vectors/hmac.vec through both GetHMAC
+// forms and a second call, and the cases of tests/data/hmac_scripts.vec.
 #include <sys/resource.h>
-
-#include <gtest/gtest.h>
 
 #include <czulcrypthmac.h>
 
 #include "script.h"
 #include "test_support.h"
+#include "vector_file.h"
 
-namespace {
+namespace zultest {
 
-using Bytes = std::vector<unsigned char>;
+using Buf = std::vector<unsigned char>;
+class HmacTest : public ContextTest {};
 
-class HmacTest : public zultest::ContextTest {};
-
-// The calls of tests/data/hmac*.vec. "New digest key [length]" makes the
-// object (- for a null name or key); the MAC calls return the length they leave
-// (99 when untouched) and fail the test if a failing call moves the output pointer.
-zultest::Calls HmacCalls(CZulCryptContext& context) {
-    auto hmac = std::make_shared<std::unique_ptr<CZulCryptHMAC>>();
-    CZulCryptContext* on = &context;
-    using zultest::Args;
-    auto mac = [=](const Args& a, bool allocating) {
-        unsigned char out[64];
-        unsigned char* allocated = out;
-        unsigned int length = 99;
-        Bytes data = a[0].IsNull() ? Bytes() : a[0].Bytes();
-        unsigned char none = 0;
-        unsigned char* in = a[0].IsNull() ? nullptr : data.empty() ? &none : data.data();
-        // Mac data [- for a null output | nolength for a null length pointer | out]
-        //     [length given instead of the data's]
-        const bool nullOut = a.size() > 1 && a[1].IsNull();
-        unsigned int* lengthOut = a.size() > 1 && a[1].raw == "nolength" ? nullptr : &length;
-        const unsigned int dataLength = a.size() > 2 ? static_cast<unsigned int>(std::stoul(a[2].raw))
-                                                     : static_cast<unsigned int>(data.size());
-        bool ok = allocating ? (*hmac)->GetHMAC(in, dataLength, nullOut ? nullptr : &allocated, lengthOut)
-                             : (*hmac)->GetHMAC(in, dataLength, nullOut ? nullptr : out, lengthOut);
-        zultest::Outcome outcome = zultest::Bytes(ok, allocated, length);
-        outcome.number = length;
-        if (allocating && ok) std::free(allocated);
-        if (!ok) {
-            EXPECT_EQ(allocated, out) << "a failing call moved the output pointer";
-        }
-        return outcome;
-    };
-    return {
-        {"New",
-         [=](const Args& a) {
-             const Bytes key = a[1].IsNull() ? Bytes() : a[1].Bytes();
-             const unsigned int length =
-                 a.size() > 2 ? static_cast<unsigned int>(a[2].Number()) : static_cast<unsigned int>(key.size());
-             hmac->reset();
-             *hmac = std::make_unique<CZulCryptHMAC>(*on, a[0].IsNull() ? nullptr : a[0].Text().c_str(),
-                                                     a[1].IsNull() ? nullptr : key.data(), length);
-             return zultest::Ok(true);
-         }},
-        {"Mac", [=](const Args& a) { return mac(a, false); }},
-        {"MacAlloc", [=](const Args& a) { return mac(a, true); }},
-        {"Size", [=](const Args&) { return zultest::Number((*hmac)->GetDigestSize()); }},
-        {"Block", [=](const Args&) { return zultest::Number((*hmac)->GetDigestBlockSize()); }},
-        {"Type", [=](const Args&) { return zultest::Text((*hmac)->GetType()); }},
-        {"Status", [=](const Args&) { return zultest::Ok((*hmac)->GetStatus()); }},
-    };
+// GetHMAC into a buffer (or, allocating, its own); Result is the length it leaves (99 when untouched).
+static Outcome Mac(CZulCryptHMAC& hmac, unsigned char* in, unsigned n, bool allocating, bool noOutput = false) {
+    unsigned char buffer[64], *out = buffer;
+    unsigned int length = 99;
+    const bool ok = allocating ? hmac.GetHMAC(in, n, noOutput ? nullptr : &out, &length) : hmac.GetHMAC(in, n, noOutput ? nullptr : out, &length);
+    Outcome outcome = Bytes(ok, out, length);
+    outcome.number = length;
+    if (out != buffer) std::free(out);
+    return outcome;
 }
 
-TEST_F(HmacTest, Scripts) {
-    for (const char* file : {"hmac.vec", "hmac_scripts.vec"}) {
-        zultest::RunScripts(file, HmacCalls);
+TEST_F(HmacTest, Vectors) {
+    for (const auto& v : ReadVectors("hmac.vec")) {
+        SCOPED_TRACE(v.Where());
+        Buf key = v.Bytes("Key"), in = v.Bytes("In"), want = v.Bytes(v.Has("Out") ? "Out" : "Prefix");
+        CZulCryptHMAC hmac(*context, v.fields.at("Digest").c_str(), key.data(), key.size());
+        // A pointer for the empty message.
+        in.reserve(1);
+        for (bool allocating : {false, false, true}) {
+            Outcome got = Mac(hmac, in.data(), in.size(), allocating);
+            if (!v.Has("Out")) got.out.resize(want.size());
+            EXPECT_EQ(got.out, want);
+        }
     }
 }
 
-// In a death test's child with the address space capped at 1 GiB, the inner input
-// of a 3 GiB message cannot be allocated. The data is never read.
-TEST_F(HmacTest, InsufficientMemoryEndsTheProcess) {
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "the sanitizer's shadow memory needs more address space than the limit leaves";
-#else
-    CZulCryptHMAC hmac(*context, "SHA1", reinterpret_cast<const unsigned char*>("abc"), 3);
-    auto child = [&] {
-        CZulCryptContext::SetErrorResponseFn(nullptr);
-        const struct rlimit limit = {rlim_t{1} << 30, rlim_t{1} << 30};
-        setrlimit(RLIMIT_AS, &limit);
-        unsigned char data[1] = {}, out[20];
-        unsigned int length = 0;
-        hmac.GetHMAC(data, 3u << 30, out, &length);
-    };
-    EXPECT_EXIT(child(), ::testing::ExitedWithCode(255), "FILE:czulcrypthmac LINE:[0-9]+ DESC:Insufficient memory");
-#endif
+// New digest (- for null) key; Mac and MacAlloc data [- for no output] [length].
+TEST_F(HmacTest, Scripts) {
+    RunScripts("hmac_scripts.vec", [](CZulCryptContext& context) -> Calls {
+        auto hmac = std::make_shared<std::unique_ptr<CZulCryptHMAC>>();
+        CZulCryptContext* on = &context;
+        auto mac = [=](const Args& a, bool allocating) {
+            Buf data = a[0].IsNull() ? Buf() : a[0].Bytes();
+            data.reserve(1);
+            return Mac(**hmac, a[0].IsNull() ? nullptr : data.data(), a.size() > 2 ? a[2].Number() : data.size(), allocating, a.size() > 1 && a[1].IsNull());
+        };
+        return {ZUL_CALL("New", (*hmac = std::make_unique<CZulCryptHMAC>(*on, a[0].IsNull() ? nullptr : a[0].Text().c_str(), a[1].Bytes().data(), a[1].Bytes().size()), Ok(true))), ZUL_CALL("Mac", mac(a, false)), ZUL_CALL("MacAlloc", mac(a, true))};
+    });
 }
 
-}  // namespace
+// With the address space capped at 1 GiB, the inner input of a 3 GiB message cannot be allocated.
+TEST_F(HmacTest, InsufficientMemoryEndsTheProcess) {
+// The sanitizer's shadow memory needs more address space than the limit leaves.
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP();
+#endif
+    CZulCryptHMAC hmac(*context, "SHA1", nullptr, 0);
+    const rlimit limit = {1 << 30, 1 << 30};
+    CZulCryptContext::SetErrorResponseFn(nullptr);
+    EXPECT_EXIT((setrlimit(RLIMIT_AS, &limit), Mac(hmac, reinterpret_cast<unsigned char*>(&hmac), 3u << 30, false)), testing::ExitedWithCode(255), "FILE:czulcrypthmac LINE:.*Insufficient memory");
+}
+
+}  // namespace zultest

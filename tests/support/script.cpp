@@ -146,7 +146,10 @@ void RunScripts(const std::string& file, const Driver& driver) {
             bool made = false;
             unsigned long allocations = 0;
             for (size_t i = 0; i < script.lines.size(); ++i) {
-                const std::string& key = script.lines[i].first;
+                // "Yes = call" and "No = call" are a call with its Ok = 1 or Ok = 0.
+                const std::string& given = script.lines[i].first;
+                const bool yesNo = given == "Yes" || given == "No";
+                const std::string key = yesNo ? "Call" : given;
                 const std::string& value = script.lines[i].second;
                 const std::string here = file + ":" + std::to_string(script.lineNumbers[i]);
                 SCOPED_TRACE(here);
@@ -172,6 +175,9 @@ void RunScripts(const std::string& file, const Driver& driver) {
                     ASSERT_TRUE(calls != nullptr && calls->count(name) == 1u) << "no call " << name;
                     allocations = VKLTest_Allocations();
                     outcome = calls->at(name)(args);
+                    if (yesNo) {
+                        EXPECT_EQ(outcome.ok, given == "Yes");
+                    }
                     allocations = VKLTest_Allocations() - allocations;
                 } else if (key == "Ok") {
                     EXPECT_EQ(outcome.ok, arg.Number() != 0);

@@ -3,6 +3,7 @@
 //
 //   Call = SetType "SHA1"        runs the driver's call with its arguments;
 //                                Call = End destroys the case's objects
+//   Yes = call / No = call       a call whose success must be 1 / 0
 //   Ok = 1                       its success; Result = N, Text = "..", Out = hex,
 //                                OutHas = "text" (Out holds that text somewhere)
 //   Report = "text"              each error reported since the call, in order;
@@ -68,6 +69,9 @@ std::map<std::string, std::string>& Vars();
 
 // Runs every case of tests/data/<file>; a failing check names file and line.
 void RunScripts(const std::string& file, const Driver& driver);
+
+// A driver's call: {"Name", [=](const Args& a) { return outcome; }}.
+#define ZUL_CALL(name, ...) {name, [=](const ::zultest::Args& a) -> ::zultest::Outcome { (void)a; return __VA_ARGS__; }}
 
 // Shorthands for drivers.
 Outcome Ok(bool ok);
