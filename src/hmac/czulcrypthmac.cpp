@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <limits>
 
 #include "../common/cleanse.h"
@@ -57,9 +58,13 @@ CZulCryptHMAC::CZulCryptHMAC(CZulCryptContext& context, const char* digestName, 
         m_bStatus = false;
         return;
     }
-    const int digestSize = m_MDContext.GetDigestSize();
-    const int blockSize = m_MDContext.GetDigestBlockSize();
-    if (!zul::InRange(zul::kDigestSize, digestSize) || !zul::InRange(zul::kDigestBlockSize, blockSize)) {
+    std::string why;
+    VKL_t* vkl = zul::VklOf(m_rContext);
+    const int digestSize = zul::CheckedSize(vkl, zul::kDigestSize, m_MDContext.GetDigestSize(), &why);
+    const int blockSize =
+        digestSize < 0 ? -1 : zul::CheckedSize(vkl, zul::kDigestBlockSize, m_MDContext.GetDigestBlockSize(), &why);
+    if (blockSize < 0) {
+        ZUL_REPORT(why.c_str());
         m_bStatus = false;
         return;
     }
