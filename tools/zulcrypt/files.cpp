@@ -99,22 +99,49 @@ Output::~Output() {
 }
 
 bool Output::Open(const std::string& path, std::string& why) {
+    // Opened once, not truncated, and judged by what was opened, so that nothing
+    // swapped in after a check by name is truncated, written or replaced.
+    const int flags = O_WRONLY | O_NOCTTY | O_CLOEXEC;
+    int fd = open(path.c_str(), flags | O_NONBLOCK);
+    // A FIFO with no reader yet: wait for one, as a program writing to it expects.
+    if (fd < 0 && errno == ENXIO) fd = open(path.c_str(), flags);
     struct stat status {};
-    const bool exists = stat(path.c_str(), &status) == 0;
-    // Not a file to replace (or a symlink to nothing yet): written in place.
-    if ((exists && !S_ISREG(status.st_mode)) || (!exists && lstat(path.c_str(), &status) == 0)) {
-        m_fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (m_fd < 0) why = Why("cannot write", path, errno);
-        return m_fd >= 0;
+    // A symlink to nothing yet: its target is made, then replaced as a file.
+    const bool dangling =
+        fd < 0 && errno == ENOENT && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);
+    if (fd < 0 && (dangling || errno != ENOENT)) {
+        why = Why("cannot write", path, errno);
+        return false;
+    }
+    if (fd >= 0 && (fstat(fd, &status) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)) {
+        why = Why("cannot write", path, errno);
+        close(fd);
+        return false;
+    }
+    if (fd >= 0 && !S_ISREG(status.st_mode)) {
+        m_fd = fd;
+        return true;
     }
     m_path = path;
-    if (char* target = exists ? realpath(path.c_str(), nullptr) : nullptr) {
-        m_path = target;
+    const bool replacing = fd >= 0;
+    if (replacing) {
+        // The file opened is the one renamed over, through a symlink if OUT is one.
+        char* target = realpath(path.c_str(), nullptr);
+        struct stat found {};
+        const bool same = target != nullptr && lstat(target, &found) == 0 && found.st_dev == status.st_dev &&
+                          found.st_ino == status.st_ino;
+        if (target != nullptr) m_path = target;
         std::free(target);
+        close(fd);
+        if (!same) {
+            why = "cannot write " + path + ": it changed while being opened";
+            return false;
+        }
     }
     std::string name = m_path + ".XXXXXX";
     m_fd = mkstemp(&name[0]);
-    if (m_fd < 0 || (exists && fchmod(m_fd, status.st_mode & 07777) != 0)) {
+    if (m_fd < 0 || (replacing && fchmod(m_fd, status.st_mode & 07777) != 0)) {
         why = Why("cannot write", path, errno);
         if (m_fd >= 0) unlink(name.c_str());
         return false;
