@@ -54,9 +54,9 @@ private:
     std::string m_path;
 };
 
-// While set, SIGINT and SIGTERM first restore the terminal on standard input
-// as saved and remove the temporary file, then end the process as they would
-// have. Null clears.
+// While set, SIGINT, SIGTERM, SIGHUP and SIGQUIT (those not ignored) first
+// restore the terminal on standard input as saved and remove the temporary
+// file, then end the process as they would have. Null clears.
 void GuardTerminal(const termios* saved);
 void GuardTemporary(const char* path);
 
