@@ -183,10 +183,11 @@ Refused (exit 2):
 Files:
   A regular file OUT, or a new one, is written under a temporary name beside it (mode 0600,
   or the mode of the file it replaces) and renamed into place only when everything
-  succeeded: a failed or interrupted run leaves OUT as it was. A symlink OUT is followed:
-  its target is replaced. An OUT that is no regular file (a FIFO, a device, /dev/stdout)
-  is written directly, as openssl enc -out does. On standard output the data goes out as
-  it is processed, so a decryption failing at its end has written the rest.
+  succeeded: a failed or interrupted run leaves OUT as it was. A file the user may not
+  write to is refused (exit 2), not replaced. A symlink OUT is followed: its target is
+  replaced. An OUT that is no regular file (a FIFO, a device, /dev/stdout) is written
+  directly, as openssl enc -out does. On standard output the data goes out as it is
+  processed, so a decryption failing at its end has written the rest.
 
 Example (NIST SP 800-38A F.2.1's key and IV):
   zulcrypt enc AES-128-CBC 2b7e151628aed2a6abf7158809cf4f3c 000102030405060708090a0b0c0d0e0f in.bin in.enc

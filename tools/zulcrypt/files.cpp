@@ -1,5 +1,6 @@
 #include "files.h"
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -15,29 +16,43 @@ namespace zulcrypt {
 namespace {
 
 // What the signal handler undoes; plain data, as a handler may only read that.
+// Each flag is cleared while its data changes, so the handler never reads it half written.
 termios g_terminal{};
 volatile sig_atomic_t g_hasTerminal = 0;
 char g_temp[PATH_MAX] = "";
+volatile sig_atomic_t g_hasTemp = 0;
 bool g_installed = false;
-struct sigaction g_previous[2];
-const int kSignals[] = {SIGINT, SIGTERM};
+// A hangup (a dropped SSH session) and a quit leave the same mess as an interrupt.
+const int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr int kCount = sizeof kSignals / sizeof kSignals[0];
+struct sigaction g_previous[kCount];
+bool g_handling[kCount] = {};
 
 void OnSignal(int signal) {
     if (g_hasTerminal != 0) tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_terminal);
-    if (g_temp[0] != '\0') unlink(g_temp);
+    if (g_hasTemp != 0) unlink(g_temp);
     std::signal(signal, SIG_DFL);
     std::raise(signal);
 }
 
-// Handlers only while there is something to undo, the caller's back after.
+// Handlers only while there is something to undo, the caller's back after. A
+// signal ignored when we started (Ctrl-C in a background job) stays ignored.
 void Install() {
-    const bool wanted = g_hasTerminal != 0 || g_temp[0] != '\0';
+    const bool wanted = g_hasTerminal != 0 || g_hasTemp != 0;
     if (wanted == g_installed) return;
     struct sigaction action {};
     action.sa_handler = OnSignal;
     sigemptyset(&action.sa_mask);
-    for (int i = 0; i < 2; ++i) {
-        sigaction(kSignals[i], wanted ? &action : &g_previous[i], wanted ? &g_previous[i] : nullptr);
+    for (int signal : kSignals) sigaddset(&action.sa_mask, signal);
+    for (int i = 0; i < kCount; ++i) {
+        if (!wanted) {
+            if (g_handling[i]) sigaction(kSignals[i], &g_previous[i], nullptr);
+            g_handling[i] = false;
+            continue;
+        }
+        sigaction(kSignals[i], nullptr, &g_previous[i]);
+        g_handling[i] = (g_previous[i].sa_flags & SA_SIGINFO) != 0 || g_previous[i].sa_handler != SIG_IGN;
+        if (g_handling[i]) sigaction(kSignals[i], &action, nullptr);
     }
     g_installed = wanted;
 }
@@ -50,15 +65,21 @@ std::string Why(const char* what, const std::string& path, int error) {
 
 void GuardTerminal(const termios* saved) {
     g_hasTerminal = 0;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     if (saved != nullptr) g_terminal = *saved;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     g_hasTerminal = saved != nullptr;
     Install();
 }
 
 void GuardTemporary(const char* path) {
-    g_temp[0] = '\0';
+    g_hasTemp = 0;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     // A name too long to keep is left behind, as before this guard.
-    if (path != nullptr && std::strlen(path) < sizeof g_temp) std::strcpy(g_temp, path);
+    const bool kept = path != nullptr && std::strlen(path) < sizeof g_temp;
+    if (kept) std::strcpy(g_temp, path);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    g_hasTemp = kept;
     Install();
 }
 
@@ -99,22 +120,49 @@ Output::~Output() {
 }
 
 bool Output::Open(const std::string& path, std::string& why) {
+    // Opened once, not truncated, and judged by what was opened, so that nothing
+    // swapped in after a check by name is truncated, written or replaced.
+    const int flags = O_WRONLY | O_NOCTTY | O_CLOEXEC;
+    int fd = open(path.c_str(), flags | O_NONBLOCK);
+    // A FIFO with no reader yet: wait for one, as a program writing to it expects.
+    if (fd < 0 && errno == ENXIO) fd = open(path.c_str(), flags);
     struct stat status {};
-    const bool exists = stat(path.c_str(), &status) == 0;
-    // Not a file to replace (or a symlink to nothing yet): written in place.
-    if ((exists && !S_ISREG(status.st_mode)) || (!exists && lstat(path.c_str(), &status) == 0)) {
-        m_fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (m_fd < 0) why = Why("cannot write", path, errno);
-        return m_fd >= 0;
+    // A symlink to nothing yet: its target is made, then replaced as a file.
+    const bool dangling =
+        fd < 0 && errno == ENOENT && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);
+    if (fd < 0 && (dangling || errno != ENOENT)) {
+        why = Why("cannot write", path, errno);
+        return false;
+    }
+    if (fd >= 0 && (fstat(fd, &status) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)) {
+        why = Why("cannot write", path, errno);
+        close(fd);
+        return false;
+    }
+    if (fd >= 0 && !S_ISREG(status.st_mode)) {
+        m_fd = fd;
+        return true;
     }
     m_path = path;
-    if (char* target = exists ? realpath(path.c_str(), nullptr) : nullptr) {
-        m_path = target;
+    const bool replacing = fd >= 0;
+    if (replacing) {
+        // The file opened is the one renamed over, through a symlink if OUT is one.
+        char* target = realpath(path.c_str(), nullptr);
+        struct stat found {};
+        const bool same = target != nullptr && lstat(target, &found) == 0 && found.st_dev == status.st_dev &&
+                          found.st_ino == status.st_ino;
+        if (target != nullptr) m_path = target;
         std::free(target);
+        close(fd);
+        if (!same) {
+            why = "cannot write " + path + ": it changed while being opened";
+            return false;
+        }
     }
     std::string name = m_path + ".XXXXXX";
     m_fd = mkstemp(&name[0]);
-    if (m_fd < 0 || (exists && fchmod(m_fd, status.st_mode & 07777) != 0)) {
+    if (m_fd < 0 || (replacing && fchmod(m_fd, status.st_mode & 07777) != 0)) {
         why = Why("cannot write", path, errno);
         if (m_fd >= 0) unlink(name.c_str());
         return false;

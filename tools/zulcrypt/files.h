@@ -33,8 +33,8 @@ private:
 // The output of enc and dec. A regular file, or a new one, is written under a
 // temporary name beside it (beside a symlink's target) and renamed into place by
 // Commit keeping its mode bits, so a failure never leaves a partial or truncated
-// file. Anything else, a FIFO or a device, is written directly, as a program
-// writing to it expects.
+// file; one we may not write is refused, not replaced. Anything else, a FIFO or
+// a device, is written directly, as a program writing to it expects.
 class Output {
 public:
     Output() = default;
@@ -54,9 +54,9 @@ private:
     std::string m_path;
 };
 
-// While set, SIGINT and SIGTERM first restore the terminal on standard input
-// as saved and remove the temporary file, then end the process as they would
-// have. Null clears.
+// While set, SIGINT, SIGTERM, SIGHUP and SIGQUIT (those not ignored) first
+// restore the terminal on standard input as saved and remove the temporary
+// file, then end the process as they would have. Null clears.
 void GuardTerminal(const termios* saved);
 void GuardTemporary(const char* path);
 

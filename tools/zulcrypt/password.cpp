@@ -16,27 +16,44 @@ namespace {
 
 // The line next() gives byte by byte (-1 at its end, -2 on a read error with
 // error set), without "\n" or "\r\n"; bounded, so that /dev/zero is no password.
+// A "\r" before "\n" or the end of input is part of the line ending, not counted.
 template <class Next>
 bool ReadLine(Next next, const std::string& source, int& error, Bytes& line, std::string& why) {
     line.clear();
+    const auto tooLong = [&] {
+        why = "cannot read " + source + ": no password line ends within " + std::to_string(kMaxPasswordLine) +
+              " bytes";
+        return false;
+    };
     for (int c = next(); c != -1 && c != '\n'; c = next()) {
         if (c == -2) {
             why = "cannot read " + source + ": " + std::strerror(error);
             return false;
         }
-        if (line.size() == kMaxPasswordLine) {
-            why = "cannot read " + source + ": no password line ends within " + std::to_string(kMaxPasswordLine) +
-                  " bytes";
-            return false;
-        }
+        if (line.size() > kMaxPasswordLine) return tooLong();
         line.push_back(static_cast<unsigned char>(c));
     }
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    return true;
+    return line.size() <= kMaxPasswordLine || tooLong();
 }
 
-// Character by character, so no stream buffer of ours keeps the rest.
+// Byte by byte with read(2), so neither a stdio buffer, which nobody wipes, nor
+// the rest of the input (a second password) is taken.
+bool ReadDescriptor(int fd, const std::string& source, Bytes& line, std::string& why) {
+    int error = EIO;
+    const auto next = [&] {
+        unsigned char c = 0;
+        ssize_t got = 0;
+        while ((got = read(fd, &c, 1)) < 0 && errno == EINTR) {
+        }
+        error = errno;
+        return got == 1 ? c : got == 0 ? -1 : -2;
+    };
+    return ReadLine(next, source, error, line, why);
+}
+
 bool ReadInput(Streams& io, Bytes& line, std::string& why) {
+    if (io.inFd >= 0) return ReadDescriptor(io.inFd, "standard input", line, why);
     int error = EIO;
     const auto next = [&] {
         const int c = io.in.get();
@@ -65,21 +82,11 @@ bool ReadTerminal(Streams& io, Bytes& line, std::string& why) {
 bool ReadPasswordFile(const std::string& path, Streams& io, Bytes& password, std::string& why) {
     if (path == "-") return io.terminal ? ReadTerminal(io, password, why) : ReadInput(io, password, why);
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    int error = errno;
     if (fd < 0) {
-        why = "cannot read " + path + ": " + std::strerror(error);
+        why = "cannot read " + path + ": " + std::strerror(errno);
         return false;
     }
-    // Byte by byte, so neither a stdio buffer nor the rest of the file is read.
-    const auto next = [&] {
-        unsigned char c = 0;
-        ssize_t got = 0;
-        while ((got = read(fd, &c, 1)) < 0 && errno == EINTR) {
-        }
-        error = errno;
-        return got == 1 ? c : got == 0 ? -1 : -2;
-    };
-    const bool read = ReadLine(next, path, error, password, why);
+    const bool read = ReadDescriptor(fd, path, password, why);
     close(fd);
     return read;
 }

@@ -385,8 +385,9 @@ void AddUsmCommands(CLI::App& app, Actions& actions) {
   Without a password option and with a terminal on standard input, the password is asked for
   without echo. A file gives its first line, line ending removed; with - for more than one
   option, standard input gives one line each, in the order password, auth, priv, read without
-  echo from a terminal. A line is at most 1024 bytes: a longer one (/dev/zero) is refused. A
-  password given on the command line works, with a warning: ps and the shell history see it.
+  echo from a terminal. A line is at most 1024 bytes before its LF or CRLF: a longer one
+  (/dev/zero) is refused. A password given on the command line works, with a warning: ps and
+  the shell history see it.
 
 Checks:
   An engine ID outside 5 to 32 octets is refused (RFC 3411). A password shorter than 8
