@@ -43,7 +43,8 @@ using RecordPtr = std::unique_ptr<VKL_RSA_t, Deleter<VKL_RSA_t, ReleaseRecord>>;
 // present) when `withPrivate`. Null with the cause queued as `function`'s.
 PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const char* function);
 
-// Whether the record holds what the operation needs; queues "<function>: the key has no ..." if not.
+// Whether the record holds what the operation needs; queues "<function>: the key has no ..." if not,
+// and "<function>: the key's <modulus|public exponent|private exponent> is negative" for a negative one.
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function);
 bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 
