@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <vkl.h>
+#include <vkl_testing.h>
 
 #include "test_support.h"
 
@@ -30,6 +31,22 @@ TEST_F(RsaBoundsTest, NegativeNumbersAreRefused) {
         ASSERT_EQ(VKL_BN_set_negative(vkl, row.first, 0), 1);
     }
     EXPECT_EQ(VKL_RSA_private_encrypt(vkl, 1, in, out, rsa, VKL_RSA_PKCS1_PADDING), 128);
+    VKL_RSA_free(vkl, rsa);
+}
+
+// Completing a key over 4096 bits would cost more than it saves: n = 2^4104 - 1, d = 3 is
+// exponentiated with d at once ("VKL_RSA/d"), no completion tried ("VKL_RSA/recover").
+TEST_F(RsaBoundsTest, LargeKeysAreNotCompleted) {
+    VKL_RSA_t* rsa = VKL_RSA_new(vkl);
+    ASSERT_NE(rsa, nullptr);
+    const std::vector<unsigned char> n(513, 0xFF);
+    const unsigned char d = 3, in = 0x5A;
+    rsa->n = VKL_BN_bin2bn(vkl, n.data(), 513, nullptr);
+    rsa->d = VKL_BN_bin2bn(vkl, &d, 1, nullptr);
+    unsigned char out[513];
+    EXPECT_EQ(VKL_RSA_private_encrypt(vkl, 1, &in, out, rsa, VKL_RSA_PKCS1_PADDING), 513);
+    EXPECT_EQ(VKLTest_CallCount("VKL_RSA/recover"), 0u);
+    EXPECT_EQ(VKLTest_CallCount("VKL_RSA/d"), 1u);
     VKL_RSA_free(vkl, rsa);
 }
 
