@@ -8,6 +8,7 @@
 #include <czulcryptdh.h>
 #include <czulcrypthmac.h>
 #include <vkl_testing.h>
+#include <zulcryptimpl.h>
 
 #include "test_support.h"
 
@@ -73,6 +74,32 @@ TEST_F(SizesTest, SharedSecretKeepsItsSize) {
     int length = 0;
     EXPECT_NE(dh.GetSharedSecret(length), nullptr);
     EXPECT_EQ(length, 128);
+}
+
+// A size answered below the real one must not size the area VKL writes into (group 2: 128 bytes).
+TEST_F(SizesTest, ShortAnswerDoesNotSizeTheOutput) {
+    static const unsigned char key[16] = {};
+    CZulCryptDH dh(*context);
+    ASSERT_TRUE(dh.SetOakleyGroup2());
+    CZulCryptBigNum* peer = dh.GetPublicKey();
+    VKLTest_FailCall("VKL_DH_size", 0, 1, 8);
+    dh.ComputeSharedSecret(peer);
+    delete peer;
+    EXPECT_FALSE(dh.GetStatus());
+    EXPECT_EQ(diagnostics->TakeErrors("czulcryptdh"),
+              std::vector<std::string>{"VKL computed a longer shared secret than its size"});
+
+    ZulVklCtxWrap* ctx = ZulVklCtxCreate();
+    ZulVklMdCtxWrap* md = ZulVklMdCtxCreate(ctx);
+    ZulVklStatusWrap status;
+    ZulVklConstBuffer in{key, 16};
+    ZulVklBuffer out{nullptr, 0};
+    VKLTest_FailCall("VKL_EVP_MD_size", 0, 1, 4);
+    EXPECT_EQ(ZulVklMdKeyChangeDigest(ctx, md, "SHA256", &in, &in, &out, &status), 0);
+    EXPECT_EQ(out.data, nullptr);
+    EXPECT_STREQ(status.errorMsg, "key change digest update failed (VKL gave 32 digest bytes, 4 expected)");
+    ZulVklMdCtxDestroy(ctx, md);
+    ZulVklCtxDestroy(ctx);
 }
 
 }  // namespace

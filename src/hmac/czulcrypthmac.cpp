@@ -26,6 +26,10 @@ unsigned char* Allocate(size_t length, bool zeroed) {
     return static_cast<unsigned char*>(buffer);
 }
 
+// VKL writes a digest's real length whatever size it answered: every buffer a digest is finished
+// into has room for the longest.
+constexpr size_t kDigestRoom = static_cast<size_t>(zul::kDigestSize.most);
+
 // Wipes the first `secret` bytes, then releases the buffer.
 void Release(unsigned char* buffer, size_t secret) {
     zul::Cleanse(buffer, secret);
@@ -78,7 +82,7 @@ CZulCryptHMAC::CZulCryptHMAC(CZulCryptContext& context, const char* digestName, 
         m_PadLength = block;
     } else {
         // RFC 2104: a key longer than the block is replaced by its digest.
-        unsigned char* hashed = Allocate(static_cast<size_t>(digestSize), true);
+        unsigned char* hashed = Allocate(kDigestRoom, true);
         unsigned int hashedLength = 0;
         bool ok = m_MDContext.AddData(const_cast<unsigned char*>(key), keyLength);
         if (ok) ok = m_MDContext.GetMessageDigest(hashed, &hashedLength);
@@ -89,7 +93,7 @@ CZulCryptHMAC::CZulCryptHMAC(CZulCryptContext& context, const char* digestName, 
         } else {
             m_bStatus = false;
         }
-        Release(hashed, static_cast<size_t>(digestSize));
+        Release(hashed, kDigestRoom);
     }
     if (m_bStatus) {
         for (uint32_t i = 0; i < m_PadLength; ++i) {
@@ -138,7 +142,7 @@ bool CZulCryptHMAC::GetHMAC(unsigned char* data, unsigned int dataLength, unsign
     unsigned char* innerInput = Allocate(innerInputLength, false);
     std::memcpy(innerInput, m_pInnerPad, m_PadLength);
     if (dataLength != 0) std::memcpy(innerInput + m_PadLength, data, dataLength);
-    unsigned char* innerHash = Allocate(static_cast<size_t>(digestSize), true);
+    unsigned char* innerHash = Allocate(kDigestRoom, true);
     unsigned int innerLength = 0;
     bool ok = Hash(innerInput, innerInputLength, innerHash, &innerLength);
     // Only the padded key is secret to this class; the message is the caller's.
@@ -149,7 +153,7 @@ bool CZulCryptHMAC::GetHMAC(unsigned char* data, unsigned int dataLength, unsign
     unsigned char* outerInput = Allocate(outerInputLength, false);
     std::memcpy(outerInput, m_pOuterPad, m_PadLength);
     std::memcpy(outerInput + m_PadLength, innerHash, innerLength);
-    Release(innerHash, static_cast<size_t>(digestSize));
+    Release(innerHash, kDigestRoom);
 
     unsigned int outerLength = 0;
     if (ok) ok = Hash(outerInput, outerInputLength, hmac, &outerLength);
@@ -168,12 +172,13 @@ bool CZulCryptHMAC::GetHMAC(unsigned char* data, unsigned int dataLength, unsign
         *hmacLength = 0;
         return false;
     }
-    unsigned char* buffer = Allocate(static_cast<size_t>(digestSize), true);
-    bool ok = GetHMAC(data, dataLength, buffer, hmacLength);
+    unsigned char* buffer = Allocate(kDigestRoom, true);
+    // The caller is given digestSize bytes: a longer MAC is refused rather than cut.
+    bool ok = GetHMAC(data, dataLength, buffer, hmacLength) && *hmacLength == static_cast<unsigned int>(digestSize);
     if (ok) {
         *hmac = buffer;
     } else {
-        std::free(buffer);
+        Release(buffer, kDigestRoom);
         *hmacLength = 0;
     }
     return ok;

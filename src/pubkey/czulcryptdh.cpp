@@ -192,21 +192,31 @@ void CZulCryptDH::ComputeSharedSecret(CZulCryptBigNum* peerPublicKey) {
     m_pSharedSecret = block + kLengthField;
 
     C_VKL_BIGNUM_Wrap* peer = peerPublicKey->BuildNumber();
-    // Nothing computed yet: anything but the full size is a failure.
+    // Nothing computed yet: anything but the full size is a failure. VKL writes the group's real
+    // size whatever it answered above, so it computes into room for the largest modulus.
+    unsigned char computed[zul::kModulusSize.most];
     int result = 0;
     if (peer != nullptr && peer->m_pBigNum != nullptr) {
-        result = VKL_DH_compute_key(Vkl(), m_pSharedSecret, peer->m_pBigNum, m_pDHWrap->m_pDH);
+        result = VKL_DH_compute_key(Vkl(), computed, peer->m_pBigNum, m_pDHWrap->m_pDH);
         VKL_BN_clear_free(Vkl(), peer->m_pBigNum);
     } else {
         m_bStatus = false;
         ZUL_REPORT_VKL_ERROR(m_rContext);
     }
     delete peer;
-    // Only the full size counts: VKL pads, so a shorter result is a failure, not a short secret.
-    if (result != size) {
+    // Only the full size counts: VKL pads, so a shorter result is a failure, not a short secret,
+    // and a longer one means the size answered was wrong.
+    if (result == size) {
+        std::memcpy(m_pSharedSecret, computed, length);
+    } else if (result > size) {
+        m_bStatus = false;
+        zul::DrainVklErrors(Vkl());
+        ZUL_REPORT("VKL computed a longer shared secret than its size");
+    } else {
         m_bStatus = false;
         ZUL_REPORT_VKL_ERROR(m_rContext);
     }
+    zul::Cleanse(computed, sizeof computed);
 }
 
 unsigned char* CZulCryptDH::GetSharedSecret(int& length) {

@@ -201,6 +201,22 @@ struct SecretBytes {
     unsigned char data[N];
 };
 
+// VKL writes the digest's real length whatever size it answered before: finished into room
+// for the longest, and copied out only when the two agree. 0 with the status told otherwise.
+int FinishDigest(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, int size, unsigned char* out, ZulVklStatusWrap& status,
+                 const char* failed) {
+    SecretBytes<kMaxMac> digest;
+    unsigned int written = 0;
+    const int result = VKL_EVP_DigestFinal(&vkl, &md, digest.data, &written);
+    if (result != 1) return FailWith(status, vkl, failed, result);
+    if (written != static_cast<unsigned int>(size)) {
+        zul::DrainVklErrors(&vkl);
+        return Report(status, "%s(VKL gave %u digest bytes, %d expected)", failed, written, size);
+    }
+    std::memcpy(out, digest.data, written);
+    return 1;
+}
+
 const VKL_EVP_CIPHER_t* FindCheckedCipher(VKL_t& vkl, const char* name, const ZulVklConstBuffer& key,
                                           const ZulVklConstBuffer& iv, ZulVklStatusWrap& status) {
     const VKL_EVP_CIPHER_t* cipher = FindCipher(vkl, name);
@@ -388,9 +404,7 @@ int ZulVklMdGenerateKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     }
     zul::Cleanse(piece, sizeof piece);
     if (result != 1) return FailWith(status, vkl, "key digest update failed ", result);
-    result = VKL_EVP_DigestFinal(&vkl, &md, key.data, nullptr);
-    if (result != 1) return FailWith(status, vkl, "key digest finalisation failed ", result);
-    return 1;
+    return FinishDigest(vkl, md, size, key.data, status, "key digest finalisation failed ");
 }
 
 int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, ZulVklConstBuffer& engineId,
@@ -415,9 +429,7 @@ int ZulVklMdLocaliseKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest
     if (result != 1) return FailWith(status, vkl, "localised key digest initialisation failed ", result);
     result = VKL_EVP_DigestUpdate(&vkl, &md, work.Data(), static_cast<size_t>(total));
     if (result != 1) return FailWith(status, vkl, "localised key digest update failed ", result);
-    result = VKL_EVP_DigestFinal(&vkl, &md, localisedKey.data, nullptr);
-    if (result != 1) return FailWith(status, vkl, "localised key digest finalisation failed ", result);
-    return 1;
+    return FinishDigest(vkl, md, size, localisedKey.data, status, "localised key digest finalisation failed ");
 }
 
 int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, ZulVklConstBuffer& first,
@@ -433,9 +445,7 @@ int ZulVklMdKeyChangeImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
     if (SizeOrReport(status, zul::DigestSize, vkl, type, size) == 0) return 0;
     auto* block = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(size)));
     if (block == nullptr) return Write(status, kOutOfMemory);
-    result = VKL_EVP_DigestFinal(&vkl, &md, block, nullptr);
-    if (result != 1) {
-        FailWith(status, vkl, "key change digest update failed ", result);
+    if (FinishDigest(vkl, md, size, block, status, "key change digest update failed ") != 1) {
         std::free(block);
         return 0;
     }
@@ -480,8 +490,10 @@ int ZulVklMdExtendKeyImpl(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, const char* digest, 
             if (result != 1) return FailWith(status, vkl, "key extension digest initialisation failed ", result);
             result = VKL_EVP_DigestUpdate(&vkl, &md, key.data, length);
             if (result != 1) return FailWith(status, vkl, "key extension digest update failed ", result);
-            result = VKL_EVP_DigestFinal(&vkl, &md, key.data + length, nullptr);
-            if (result != 1) return FailWith(status, vkl, "key extension digest finalisation failed ", result);
+            if (FinishDigest(vkl, md, size, key.data + length, status, "key extension digest finalisation failed ") !=
+                1) {
+                return 0;
+            }
         } else {
             // The key so far is the password, then its key is localised to the engine.
             ZulVklConstBuffer password{key.data, length};
@@ -623,6 +635,10 @@ int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* d
     unsigned int written = 0;
     result = VKL_HMAC_Final(&vkl, &hmac, mac, &written);
     if (result != 1) return FailWith(status, vkl, "HMAC finalisation failed ", result);
+    if (written != static_cast<unsigned int>(size)) {
+        zul::DrainVklErrors(&vkl);
+        return Report(status, "%s(VKL gave %u MAC bytes, %d expected)", "HMAC finalisation failed ", written, size);
+    }
     result = VKL_HMAC_Init(&vkl, &hmac, nullptr, 0, nullptr);
     if (result != 1) return FailWith(status, vkl, "HMAC re-arm failed ", result);
     std::memcpy(out.data, mac, written);

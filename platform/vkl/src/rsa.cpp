@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <openssl/bn.h>
@@ -298,6 +299,23 @@ bool ExponentsUsable(const VKL_RSA_t* rsa, bool withPrivate, const char* functio
     return true;
 }
 
+namespace {
+
+// OpenSSL would take a negative number's magnitude, and the kept keys are named by bytes alone.
+bool NoneNegative(const VKL_RSA_t* rsa, const char* function) {
+    const std::pair<const VKL_BIGNUM_t*, const char*> numbers[] = {
+        {rsa->n, "modulus"}, {rsa->e, "public exponent"}, {rsa->d, "private exponent"}};
+    for (const auto& number : numbers) {
+        if (number.first != nullptr && BN_is_negative(number.first->bn.get())) {
+            QueueError(std::string(function) + ": the key's " + number.second + " is negative");
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function) {
     if (rsa == nullptr || rsa->n == nullptr) {
         QueueError(std::string(function) + ": the key has no modulus");
@@ -307,7 +325,7 @@ bool HasPublicKey(const VKL_RSA_t* rsa, const char* function) {
         QueueError(std::string(function) + ": the key has no public exponent");
         return false;
     }
-    return true;
+    return NoneNegative(rsa, function);
 }
 
 bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function) {
@@ -319,7 +337,7 @@ bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function) {
         QueueError(std::string(function) + ": the key has no private exponent");
         return false;
     }
-    return true;
+    return NoneNegative(rsa, function);
 }
 
 PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const char* function) {

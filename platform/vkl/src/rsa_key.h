@@ -43,7 +43,8 @@ using RecordPtr = std::unique_ptr<VKL_RSA_t, Deleter<VKL_RSA_t, ReleaseRecord>>;
 // present) when `withPrivate`. Null with the cause queued as `function`'s.
 PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const char* function);
 
-// Whether the record holds what the operation needs; queues "<function>: the key has no ..." if not.
+// Whether the record holds what the operation needs; queues "<function>: the key has no ..." if not,
+// and "<function>: the key's <modulus|public exponent|private exponent> is negative" for a negative one.
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function);
 bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 
@@ -54,8 +55,8 @@ PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa);
 
 // For a record holding n and d but no e: the complete key, recovered now when the record is met
 // for the first time in this context (and kept), or kept from before. Null when no usual public
-// exponent fits d, the factors found are not primes, or the recovery failed (tried again next
-// time); the caller then exponentiates with d. The error queue is left as it was.
+// exponent fits d, the factors found are not primes, the modulus is over 4096 bits, or the
+// recovery failed (tried again next time); the caller then exponentiates with d. The error queue is left as it was.
 PkeyPtr RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx);
 
 // Modulus length in bytes.

@@ -1,6 +1,9 @@
 // Complete RSA keys from n and d: the public exponent among the usual ones, the primes from
 // e·d − 1, the CRT values, kept per context so that a signer pays for them once. Every operation
 // with a completed key, the first one too, is OpenSSL's (blinded, constant-time CRT).
+// Moduli over 4096 bits are not completed: the primality tests would cost far more than the
+// exponentiation with d they save (seconds at 14336 bits), paid again by a caller cycling more
+// keys than are kept; above that size the exponentiation with d stays, right for any modulus.
 #include <algorithm>
 #include <mutex>
 #include <utility>
@@ -23,6 +26,7 @@ namespace vkl {
 namespace {
 
 constexpr size_t kPrivateKeysKept = 8;
+constexpr int kMaxRecoveredModulusBits = 4096;
 constexpr unsigned long kUsualExponents[] = {65537, 3, 5, 17, 257};
 // The continued fraction below finds k/g, g dividing gcd(p − 1, q − 1); a key with a larger
 // g than this (next to none of random primes) keeps the exponentiation with d.
@@ -204,7 +208,7 @@ PkeyPtr RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx) {
     const BIGNUM* n = rsa->n->bn.get();
     const BIGNUM* d = rsa->d->bn.get();
     // d of 0 or 1 fits no key.
-    if (BN_cmp(d, BN_value_one()) <= 0) return nullptr;
+    if (BN_cmp(d, BN_value_one()) <= 0 || BN_num_bits(n) > kMaxRecoveredModulusBits) return nullptr;
     ErrorScope errors;
     KeyId id;
     PkeyPtr key;
