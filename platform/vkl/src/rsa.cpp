@@ -285,7 +285,8 @@ bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function) {
 bool ExponentsUsable(const VKL_RSA_t* rsa, bool withPrivate, const char* function) {
     const BIGNUM* n = rsa->n->bn.get();
     const BIGNUM* e = rsa->e != nullptr ? rsa->e->bn.get() : nullptr;
-    if (e != nullptr && (BN_ucmp(e, n) >= 0 || (BN_num_bits(n) > kSmallModulusBits &&
+    // OpenSSL bounds e's length in its public operations only; it signs with such keys.
+    if (e != nullptr && (BN_ucmp(e, n) >= 0 || (!withPrivate && BN_num_bits(n) > kSmallModulusBits &&
                                                 BN_num_bits(e) > kMaxPublicExponentBits))) {
         ERR_raise(ERR_LIB_RSA, RSA_R_BAD_E_VALUE);
         return false;

@@ -77,10 +77,10 @@ constexpr int kMinModulusBytes = 11;
 bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function);
 
 // Whether the record's exponents (n present, and d when `withPrivate`) are within bounds, checked
-// before any exponentiation, whose cost follows its exponent's length. An e that OpenSSL's public
-// operations refuse (not below n, or over 64 bits with a modulus over 3072 bits) queues OpenSSL's
-// own "bad e value", as they do; a d longer than n "<function>: the private exponent has <d>
-// bits, more than the modulus's <n>".
+// before any exponentiation, whose cost follows its exponent's length. An e not below n, or, for a
+// public operation only, over 64 bits with a modulus over 3072 bits (OpenSSL's own bound there),
+// queues OpenSSL's own "bad e value", as they do; a d longer than n "<function>: the private
+// exponent has <d> bits, more than the modulus's <n>".
 bool ExponentsUsable(const VKL_RSA_t* rsa, bool withPrivate, const char* function);
 
 // out = em^d mod n, as many bytes as the modulus, with a constant-time exponentiation.
