@@ -51,6 +51,8 @@ struct SnmpTest : PlatformTest {
     ZulVklCipherCtxWrap* cipher;
 };
 
+const B kNone, kPw(1, 1), kKey(20, 1), kEngine(12, 2), kDes(8, 3), kIn(24, 4);
+
 // One call's arguments, good unless a row changes them. The argument numbered `bad` comes out
 // broken: null, or with `nowhere` a handle holding nothing, a record with a length but no bytes,
 // an output area that is not there.
@@ -64,7 +66,6 @@ struct A {
     const B* in[3] = {};
     uint32_t len[2] = {};  // that input this long, at an address with 1 byte
     std::vector<B> pieces{B(5), B(19)};
-    std::deque<B> keep;
     std::deque<ZulVklConstBuffer> ins;
     std::vector<ZulVklConstBuffer*> ps;
     B area, done;
@@ -72,16 +73,17 @@ struct A {
     bool Bad() { return n++ == bad || bad < -1; }
     template <class H>
     H* Hd(H* h) { static H none{nullptr}; return Bad() ? nowhere ? &none : nullptr : h; }
+    ZulVklCipherCtxWrap* C() { return Hd(t.cipher); }
     ZulVklCtxWrap* Ctx() { return Bad() ? nullptr : t.ctx; }
     ZulVklStatusWrap* St() { return (lost = Bad()) ? nullptr : t.st; }
     const char* Nm(const char* d) { return Bad() ? nullptr : name ? name : d; }
     ZulVklConstBuffer* Rec(const B& b, bool bad, uint32_t length = 0) {
         static const unsigned char one = 0;
-        return &ins.emplace_back(bad ? ZulVklConstBuffer{nullptr, 1} : length ? ZulVklConstBuffer{&one, length} : In(keep.emplace_back(b)));
+        return &ins.emplace_back(bad ? ZulVklConstBuffer{nullptr, 1} : length ? ZulVklConstBuffer{&one, length} : In(b));
     }
     ZulVklConstBuffer* I(int i, const B& b) {
         const bool bad = Bad();
-        return bad && !nowhere ? nullptr : Rec(i == blank ? B() : in[i] ? *in[i] : b, bad, i < 2 ? len[i] : 0);
+        return bad && !nowhere ? nullptr : Rec(i == blank ? kNone : in[i] ? *in[i] : b, bad, i < 2 ? len[i] : 0);
     }
     // The pieces of a message, with a null one after the first when `gap`.
     ZulVklConstBuffer** P() {
@@ -109,31 +111,30 @@ struct A {
     }
 };
 
-const B kKey(20, 1), kEngine(12, 2), kDes(8, 3), kIn(24, 4);
-
 // Every operation on good arguments; a call that is not `first` follows the calls before it.
 struct Op {
     const char* name;
     int (*call)(A&);
     bool first;
 };
-#define OP(text, first, f, ...) {"ZulVkl" #text, [](A& a) { return ZulVkl##f(a.Ctx(), __VA_ARGS__, a.St()); }, first}
+#define OPT(text, f, first, ...) {"ZulVkl" #text, [](A& a) { return ZulVkl##f(a.Ctx(), __VA_ARGS__, a.St()); }, first}
+#define OP(f, first, ...) OPT(f, f, first, __VA_ARGS__)
 const Op kOps[] = {
-    OP(DigestGenerateKey, 1, MdGenerateKey, a.Hd(a.t.md), a.Nm("SHA1"), a.I(0, {1}), a.O(20)),
-    OP(DigestLocaliseKey, 1, MdLocaliseKey, a.Hd(a.t.md), a.Nm("SHA1"), a.I(0, kEngine), a.I(1, kKey), a.O(20)),
-    OP(MdKeyChangeDigest, 1, MdKeyChangeDigest, a.Hd(a.t.md), a.Nm("SHA1"), a.I(0, kKey), a.I(1, kKey), a.O(0, false)),
-    OP(MdExtendKey, 1, MdExtendKey, a.Hd(a.t.md), a.Nm("SHA1"), a.method, a.I(0, kEngine), a.I(1, kKey), a.O(24)),
-    OP(CipherRequiredKeySize, 1, CipherRequiredKeySize, a.Nm("DES-CBC")),
-    OP(CipherRequiredIvSize, 1, CipherRequiredIvSize, a.Nm("DES-CBC")),
-    OP(CipherEncryptInit, 1, CipherEncryptInit, a.Hd(a.t.cipher), a.Nm("DES-CBC"), a.I(0, kDes), a.I(1, kDes)),
-    OP(CipherSetPadding, 0, CipherSetPadding, a.Hd(a.t.cipher), 5),
-    OP(CipherSetPadding, 0, CipherSetPadding, a.Hd(a.t.cipher), a.padding),
-    OP(CipherEncryptUpdate, 0, CipherEncryptUpdate, a.Hd(a.t.cipher), a.Nm("DES-CBC"), a.P(), unsigned(a.pieces.size()), a.O(64)),
-    OP(CipherEncryptFinalise, 0, CipherEncryptFinalise, a.Hd(a.t.cipher), a.Nm("DES-CBC"), a.O(8)),
-    OP(CipherDecryptInit, 1, CipherDecryptInit, a.Hd(a.t.cipher), a.Nm("DES-CBC"), a.I(0, kDes), a.I(1, kDes)),
-    OP(CipherDecryptUpdate, 0, CipherDecryptUpdate, a.Hd(a.t.cipher), a.Nm("DES-CBC"), a.I(2, kIn), a.O(64)),
-    OP(CipherDecryptFinalise, 0, CipherDecryptFinalise, a.Hd(a.t.cipher), a.Nm("DES-CBC"), a.O(8)),
-    OP(HmacGenerateDigest, 1, HmacGenerateDigest, a.Hd(a.t.hmac), a.Nm("SHA1"), a.P(), unsigned(a.pieces.size()), a.I(1, kKey), a.O(20)),
+    OPT(DigestGenerateKey, MdGenerateKey, 1, a.Hd(a.t.md), a.Nm("SHA1"), a.I(0, kPw), a.O(20)),
+    OPT(DigestLocaliseKey, MdLocaliseKey, 1, a.Hd(a.t.md), a.Nm("SHA1"), a.I(0, kEngine), a.I(1, kKey), a.O(20)),
+    OP(MdKeyChangeDigest, 1, a.Hd(a.t.md), a.Nm("SHA1"), a.I(0, kKey), a.I(1, kKey), a.O(0, false)),
+    OP(MdExtendKey, 1, a.Hd(a.t.md), a.Nm("SHA1"), a.method, a.I(0, kEngine), a.I(1, kKey), a.O(24)),
+    OP(CipherRequiredKeySize, 1, a.Nm("DES-CBC")),
+    OP(CipherRequiredIvSize, 1, a.Nm("DES-CBC")),
+    OP(CipherEncryptInit, 1, a.C(), a.Nm("DES-CBC"), a.I(0, kDes), a.I(1, kDes)),
+    OP(CipherSetPadding, 0, a.C(), 5),
+    OP(CipherSetPadding, 0, a.C(), a.padding),
+    OP(CipherEncryptUpdate, 0, a.C(), a.Nm("DES-CBC"), a.P(), unsigned(a.pieces.size()), a.O(64)),
+    OP(CipherEncryptFinalise, 0, a.C(), a.Nm("DES-CBC"), a.O(8)),
+    OP(CipherDecryptInit, 1, a.C(), a.Nm("DES-CBC"), a.I(0, kDes), a.I(1, kDes)),
+    OP(CipherDecryptUpdate, 0, a.C(), a.Nm("DES-CBC"), a.I(2, kIn), a.O(64)),
+    OP(CipherDecryptFinalise, 0, a.C(), a.Nm("DES-CBC"), a.O(8)),
+    OP(HmacGenerateDigest, 1, a.Hd(a.t.hmac), a.Nm("SHA1"), a.P(), unsigned(a.pieces.size()), a.I(1, kKey), a.O(20)),
     {"ZulVklMdExtendKey", [](A& a) { a.method = 2; return kOps[3].call(a); }, 1},
 };
 enum { Key, Localise, Chain, Extend, KeySize, IvSize, EncInit, Pad5, Pad0, EncUpdate, EncFinal, DecInit, DecUpdate, DecFinal, Hmac, Reeder };
@@ -305,34 +306,36 @@ TEST_F(SnmpTest, VklFailures) {
 TEST_F(SnmpTest, Refusals) {
     const struct {
         int op;
-        const char* text;
-        void (*twist)(A&);
+        const char *text, *name;
+        void (*twist)(A&) = nullptr;
     } rows[] = {
-        {Key, "Currently will not generate a digest with an empty password", [](A& a) { a.name = "MD77", a.blank = 0; }},
-        {Key, "Failed to get the MD77 message digest for key generation\n", [](A& a) { a.name = "MD77"; }},
-        {Key, "Incorrect buffer size for SHA1 digest key generation", [](A& a) { a.size = 21; }},
-        {Localise, "Failed to get the MD77 message digest for local key generation", [](A& a) { a.name = "MD77"; }},
-        {Localise, "Incorrect buffer size for SHA1 digest local key generation", [](A& a) { a.size = 19; }},
-        {Localise, "Key and engine ID too long for SHA1 digest local key generation: 4294967296 bytes",
+        {Key, "Currently will not generate a digest with an empty password", "MD77", [](A& a) { a.blank = 0; }},
+        {Key, "Failed to get the MD77 message digest for key generation\n", "MD77"},
+        {Key, "Incorrect buffer size for SHA1 digest key generation", nullptr, [](A& a) { a.size = 21; }},
+        {Localise, "Failed to get the MD77 message digest for local key generation", "MD77"},
+        {Localise, "Incorrect buffer size for SHA1 digest local key generation", nullptr, [](A& a) { a.size = 19; }},
+        {Localise, "Key and engine ID too long for SHA1 digest local key generation: 4294967296 bytes", nullptr,
          [](A& a) { a.blank = 0, a.len[1] = 1u << 31; }},
-        {Chain, "Failed to get the MD77 message digest for key change digest", [](A& a) { a.name = "MD77"; }},
-        {Extend, "Unknown key extension method for SHA1 digest key extension: 3", [](A& a) { a.method = 3; }},
-        {Extend, "Incorrect extended key length for SHA1 digest key extension: 65, 1 to 64 allowed", [](A& a) { a.size = 65; }},
-        {Extend, "Currently will not extend an empty localised key", [](A& a) { a.blank = 1; }},
-        {Extend, "Failed to get the MD77 message digest for key extension", [](A& a) { a.name = "MD77"; }},
-        {Reeder, "Failed to get the SHA1 message digest for key generation\n",
+        {Chain, "Failed to get the MD77 message digest for key change digest", "MD77"},
+        {Extend, "Unknown key extension method for SHA1 digest key extension: 3", nullptr, [](A& a) { a.method = 3; }},
+        {Extend, "Incorrect extended key length for SHA1 digest key extension: 65, 1 to 64 allowed", nullptr, [](A& a) { a.size = 65; }},
+        {Extend, "Currently will not extend an empty localised key", nullptr, [](A& a) { a.blank = 1; }},
+        {Extend, "Failed to get the MD77 message digest for key extension", "MD77"},
+        {Reeder, "Failed to get the SHA1 message digest for key generation\n", nullptr,
          [](A&) { VKLTest_FailCall("VKL_EVP_get_digestbyname", 1, 1, 0); }},
-        {KeySize, "Failed to get cipher for algorithm: DES-XYZ", [](A& a) { a.name = "DES-XYZ"; }},
-        {IvSize, "Failed to get cipher for algorithm: DES-XYZ", [](A& a) { a.name = "DES-XYZ"; }},
-        {EncInit, "Failed to get cipher by name for algorithm: DES-XYZ\n", [](A& a) { a.name = "DES-XYZ"; }},
-        {EncInit, "Incorrect iv length for DES-CBC encryption/decryption. Required 8 but got 7\n", [](A& a) { a.len[1] = 7; }},
-        {DecInit, "Incorrect key length for DES-CBC encryption/decryption. Required 8 but got 7\n", [](A& a) { a.len[0] = 7; }},
-        {EncUpdate, "Invalid buffer passed in for SNMPv3 msg encryption", [](A& a) { a.gap = true; }},
-        {Hmac, "Invalid buffer passed in for SNMPv3 msg authentication", [](A& a) { a.gap = true; }},
-        {Hmac, "Failed to get the MD77 message digest", [](A& a) { a.name = "MD77"; }},
-        {Hmac, "Key too long for the SHA1 message digest", [](A& a) { a.len[1] = 1u << 31; }},
+        {KeySize, "Failed to get cipher for algorithm: DES-XYZ", "DES-XYZ"},
+        {IvSize, "Failed to get cipher for algorithm: DES-XYZ", "DES-XYZ"},
+        {EncInit, "Failed to get cipher by name for algorithm: DES-XYZ\n", "DES-XYZ"},
+        {EncInit, "Incorrect iv length for DES-CBC encryption/decryption. Required 8 but got 7\n", nullptr, [](A& a) { a.len[1] = 7; }},
+        {DecInit, "Incorrect key length for DES-CBC encryption/decryption. Required 8 but got 7\n", nullptr, [](A& a) { a.len[0] = 7; }},
+        {EncUpdate, "Invalid buffer passed in for SNMPv3 msg encryption", nullptr, [](A& a) { a.gap = true; }},
+        {Hmac, "Invalid buffer passed in for SNMPv3 msg authentication", nullptr, [](A& a) { a.gap = true; }},
+        {Hmac, "Failed to get the MD77 message digest", "MD77"},
+        {Hmac, "Key too long for the SHA1 message digest", nullptr, [](A& a) { a.len[1] = 1u << 31; }},
     };
-    for (auto& row : rows) Check(*this, row.op, row.twist, row.text);
+    for (auto& row : rows) {
+        Check(*this, row.op, [&](A& a) { a.name = row.name, row.twist ? row.twist(a) : void(); }, row.text);
+    }
     // A name too long for the message area is cut on a character boundary and marked, so the
     // text keeps its end; 511 bytes are not cut.
     auto rep = [](const S& s, int n) { S r; while (n-- > 0) r += s; return r; };
@@ -349,56 +352,49 @@ TEST_F(SnmpTest, Refusals) {
 // text, any other result nothing; VKL's queue is left empty.
 TEST_F(SnmpTest, StatusRecord) {
     ZulVklStatusWrap& r = *st;
-    std::ostringstream printed, now;
-    printed << st << "|" << (ZulVklStatusWrap*)nullptr;
+    std::ostringstream out;
+    out << st << "|" << (ZulVklStatusWrap*)nullptr;
     r.Set(S(511, 'x').c_str());
     r.Set("short");
     r.msgLen = 500;
     r.Set("12345678901");
     r.Set("123456789012");
-    EXPECT_EQ(printed.str() + r.errorMsg + "|" + (r.errorMsg + 500), "|NULL VKL status wrapper" "short|12345678901");
     VKLTest_SetStatus("VKL_GetStatus", 3, 12, "gone");
     VKLTest_FailCall("VKL_RAND_bytes", 0, -1, 0);
-    auto fail = [&](int result) {
-        unsigned char b[2];
-        VKL_RAND_bytes(vkl, b, 1);
-        VKL_RAND_bytes(vkl, b, 1);
+    for (int result : {1, -2, 0, -2}) {
+        VKL_RAND_bytes(vkl, nullptr, 1);
+        VKL_RAND_bytes(vkl, nullptr, 1);
         r.Set(*vkl, result);
         EXPECT_EQ(TakeQueue(vkl), V());
-        return S(r.status.description) + "|" + (r.errorMsg + 500);
-    };
-    EXPECT_EQ(fail(1), "|12345678901");
-    EXPECT_EQ(fail(-2), "|VKL_RAND_by");
-    EXPECT_EQ(fail(0), "gone|VKL_RAND_by");
-    r.msgLen = 4000;
-    fail(-2);
+        out << "|" << r.status.description << "|" << r.errorMsg + 500;
+        if (!result) r.msgLen = 4000;
+    }
     r.Set("");
-    EXPECT_EQ(diagnostics->TakeErrors("zulcryptimpl"), (V{"123456789012", ""}));
-    now << st;
+    out << "|" << st;
     ZulVklLogErrMsg(st);
     ZulVklLogErrMsg(nullptr);
-    EXPECT_EQ(now.str(), "gone errorMsg: short");
+    EXPECT_EQ(out.str(), "|NULL VKL status wrapper||12345678901||VKL_RAND_by|gone|VKL_RAND_by|gone|VKL_RAND_by|gone errorMsg: short");
     EXPECT_EQ(diagnostics->TracesAt(0), (V{"short", "gone"}));
+    EXPECT_EQ(diagnostics->TakeErrors("zulcryptimpl"), (V{"123456789012", ""}));
 }
 
 // A context handle needs a VKL context, and the other handles a context handle; released without
 // one they stay usable. VKL out of memory gives no handle; a failed init of one is dropped.
 TEST_F(SnmpTest, Handles) {
     WEXTest_SetGetContextResult(0);
-    EXPECT_EQ(ZulVklCtxCreate(), nullptr);
+    EXPECT_FALSE(ZulVklCtxCreate() || ZulVklMdCtxCreate(nullptr) || ZulVklHmacCtxCreate(nullptr) || ZulVklCipherCtxCreate(nullptr) ||
+                 ZulVklMdDigestLength(nullptr, "SHA1") || ZulVklMdDigestLength(ctx, nullptr));
     EXPECT_EQ(diagnostics->errors.at(0).text, "VKL Context not started.");
-    EXPECT_TRUE(!ZulVklMdCtxCreate(nullptr) && !ZulVklHmacCtxCreate(nullptr) && !ZulVklCipherCtxCreate(nullptr));
-    EXPECT_EQ(ZulVklMdDigestLength(nullptr, "SHA1") + ZulVklMdDigestLength(ctx, nullptr), 0);
-    EXPECT_EQ(ZulVklMdCtxDestroy(nullptr, md) + ZulVklHmacCtxDestroy(nullptr, hmac) + ZulVklCipherCtxDestroy(nullptr, cipher) +
-                  ZulVklMdCtxDestroy(ctx, nullptr) + ZulVklHmacCtxDestroy(ctx, nullptr) + ZulVklCipherCtxDestroy(ctx, nullptr) +
-                  ZulVklCtxDestroy(nullptr) + ZulVklStatusDestroy(nullptr), 0);
+    EXPECT_FALSE(ZulVklMdCtxDestroy(nullptr, md) || ZulVklHmacCtxDestroy(nullptr, hmac) || ZulVklCipherCtxDestroy(nullptr, cipher) ||
+                 ZulVklMdCtxDestroy(ctx, nullptr) || ZulVklHmacCtxDestroy(ctx, nullptr) || ZulVklCipherCtxDestroy(ctx, nullptr) ||
+                 ZulVklCtxDestroy(nullptr) || ZulVklStatusDestroy(nullptr));
     A a(*this);
     EXPECT_EQ(Go(Key, a) + Go(Hmac, a) + Go(EncInit, a), 10);
     for (S f : {"EVP_MD_CTX_new", "HMAC_CTX_new", "EVP_CIPHER_CTX_new", "EVP_MD_CTX_init", "EVP_CIPHER_CTX_init"}) {
         VKLTest_FailCall(("VKL_" + f).c_str(), 0, 1, 0);
-        ZulVklMdCtxWrap* m = ZulVklMdCtxCreate(ctx);
-        ZulVklHmacCtxWrap* h = ZulVklHmacCtxCreate(ctx);
-        ZulVklCipherCtxWrap* c = ZulVklCipherCtxCreate(ctx);
+        auto m = ZulVklMdCtxCreate(ctx);
+        auto h = ZulVklHmacCtxCreate(ctx);
+        auto c = ZulVklCipherCtxCreate(ctx);
         EXPECT_EQ(!m + !h + !c, f.find("new") != S::npos) << f;
         EXPECT_EQ(TakeQueue(vkl), V());
         ZulVklMdCtxDestroy(ctx, m);
