@@ -19,13 +19,9 @@ class SizesTest : public zultest::ContextTest {};
 unsigned char key[16], data[16];
 
 TEST_F(SizesTest, UnusableAnswersAreRefused) {
-    const struct {
-        const char* function;  // the VKL size question, answering `answer`
-        long answer;
-        const char* file;
-        V reports;
-        bool (*run)(CZulCryptContext&, VKL_t*);  // true when the work succeeded
-    } rows[] = {
+    // The VKL size question and its answer, the reports and their file, and the work (true when
+    // it succeeded).
+    const struct { const char* function; long answer; const char* file; V reports; bool (*run)(CZulCryptContext&, VKL_t*); } rows[] = {
         {"VKL_EVP_CIPHER_block_size", -8, "czulcryptciphercontext",
          {"VKL_EVP_CIPHER_block_size: injected failure", "Buffer size is invalid"},
          [](CZulCryptContext& c, VKL_t*) {

@@ -51,12 +51,13 @@ const B kNone, kPw(1, 1), kKey(20, 1), kEngine(12, 2), kDes(8, 3), kIn(24, 4);
 struct A {
     A(SnmpTest& s, int b = -1) : t(s), bad(b) {}
     SnmpTest& t;
-    int bad, n = 0, method = 1, blank = -1, padding = 0;  // blank: that input empty
+    // blank: that input empty; len: that input this long, at an address with 1 byte
+    int bad, n = 0, method = 1, blank = -1, padding = 0;
     bool nowhere = false, gap = false, lost = false;
     const char* name = nullptr;
     long size = -1;
     const B* in[3] = {};
-    uint32_t len[2] = {};  // that input this long, at an address with 1 byte
+    uint32_t len[2] = {};
     std::vector<B> pieces{B(5), B(19)};
     std::deque<ZulVklConstBuffer> ins;
     std::vector<ZulVklConstBuffer*> ps;
@@ -104,11 +105,7 @@ struct A {
 };
 
 // Every operation on good arguments; a call that is not `first` follows the calls before it.
-struct Op {
-    const char* name;
-    int (*call)(A&);
-    bool first;
-};
+struct Op { const char* name; int (*call)(A&); bool first; };
 #define OPT(text, f, first, ...) {"ZulVkl" #text, [](A& a) { return ZulVkl##f(a.Ctx(), __VA_ARGS__, a.St()); }, first}
 #define OP(f, first, ...) OPT(f, f, first, __VA_ARGS__)
 const Op kOps[] = {
@@ -142,11 +139,7 @@ int Go(int op, A& a) {
 // Each operation on the outside vectors of tests/vectors/snmp_*.vec, through one set of handles
 // reused from case to case; a message whole, and in pieces of 1 and 5 bytes.
 TEST_F(SnmpTest, Vectors) {
-    const struct {
-        int op;
-        const char* in[3];
-        const char *message, *want;
-    } rows[] = {
+    const struct { int op; const char *in[3], *message, *want; } rows[] = {
         {Key, {"Password"}, "", "Ku"},
         {Localise, {"Engine", "Ku"}, "", "Kul"},
         {Chain, {"First", "Second"}, "", "Chained"},
@@ -164,8 +157,7 @@ TEST_F(SnmpTest, Vectors) {
                 bool has = v.Has(r.want) && (!*r.message || v.Has(r.message));
                 for (const char* f : r.in) has = has && (!f || v.Has(f));
                 const S name = v.Text(v.Has("Name") ? "Name" : "Digest");
-                const B want = has ? v.Bytes(r.want) : B(), message = *r.message && has ? v.Bytes(r.message) : B();
-                B x[3];
+                B x[3], want = has ? v.Bytes(r.want) : B(), message = *r.message && has ? v.Bytes(r.message) : B();
                 for (int whole = 1; has && whole >= !*r.message; --whole) {
                     SCOPED_TRACE(v.Where());
                     A a(*this);
@@ -220,8 +212,7 @@ void Check(SnmpTest& t, int op, const std::function<void(A&)>& twist, const S& t
     A good(t), a(t), again(t);
     const int result = Go(op, good);
     const B want = good.Got();
-    *t.st = ZulVklStatusWrap();
-    twist(a);
+    *t.st = ZulVklStatusWrap(), twist(a);
     EXPECT_EQ(Go(op, a), ok ? result : 0);
     EXPECT_EQ(t.st->errorMsg, text);
     EXPECT_EQ(t.st->status.description, S(told ? "lost" : ""));
@@ -238,17 +229,15 @@ void Check(SnmpTest& t, int op, const std::function<void(A&)>& twist, const S& t
     EXPECT_EQ(again.Got(), want);
 }
 
-struct Fault {
-    int op;
-    const char* function;  // after VKL_EVP_, or VKL_ for HMAC_
-    unsigned skip;
-    const char* text;  // the operation's own, for VKL's result 0; none: VKL's text, for -2
-};
+// The VKL function (after VKL_EVP_, or VKL_ for HMAC_), its calls to skip, and the operation's
+// own text for VKL's result 0; none: VKL's text, for -2.
+struct Fault { int op; const char* function; unsigned skip; const char* text; };
 const Fault kFaults[] = {
     {Key, "DigestInit", 0, nullptr},
     {Key, "DigestInit", 0, "key digest initialisation failed "},
     {Key, "DigestUpdate", 99, "key digest update failed "},
     {Key, "DigestFinal", 0, "key digest finalisation failed "},
+    {Key, "MD_size", 0, nullptr},
     {Localise, "DigestInit", 0, "localised key digest initialisation failed "},
     {Localise, "DigestUpdate", 0, "localised key digest update failed "},
     {Localise, "DigestFinal", 0, "localised key digest finalisation failed "},
@@ -262,6 +251,7 @@ const Fault kFaults[] = {
     {Extend, "DigestFinal", 0, "key extension digest finalisation failed "},
     {EncInit, "EncryptInit", 0, nullptr},
     {EncInit, "EncryptInit", 0, "Encryption initialisation failed "},
+    {EncInit, "CIPHER_block_size", 0, nullptr},
     {Pad5, "CIPHER_CTX_set_padding", 0, "Failed to enable padding\n"},
     {Pad0, "CIPHER_CTX_set_padding", 1, "Failed to disable padding\n"},
     {EncUpdate, "EncryptUpdate", 1, "Encryption update failed "},
@@ -294,11 +284,7 @@ TEST_F(SnmpTest, VklFailures) {
 
 // Inputs refused before the work, each with its text; a Reeder step fails as password to key does.
 TEST_F(SnmpTest, Refusals) {
-    const struct {
-        int op;
-        const char *text, *name;
-        void (*twist)(A&) = nullptr;
-    } rows[] = {
+    const struct { int op; const char *text, *name; void (*twist)(A&) = nullptr; } rows[] = {
         {Key, "Currently will not generate a digest with an empty password", "MD77", [](A& a) { a.blank = 0; }},
         {Key, "Failed to get the MD77 message digest for key generation\n", "MD77"},
         {Key, "Incorrect buffer size for SHA1 digest key generation", nullptr, [](A& a) { a.size = 21; }},
@@ -323,18 +309,13 @@ TEST_F(SnmpTest, Refusals) {
         {Hmac, "Failed to get the MD77 message digest", "MD77"},
         {Hmac, "Key too long for the SHA1 message digest", nullptr, [](A& a) { a.len[1] = 1u << 31; }},
     };
-    for (auto& row : rows) {
-        Check(*this, row.op, [&](A& a) { a.name = row.name, row.twist ? row.twist(a) : void(); }, row.text);
-    }
+    for (auto& row : rows) Check(*this, row.op, [&](A& a) { a.name = row.name, row.twist ? row.twist(a) : void(); }, row.text);
     // A name too long for the message area is cut on a character boundary and marked, so the
     // text keeps its end.
     auto rep = [](const S& s, int n) { S r; while (n-- > 0) r += s; return r; };
-    const S e = "\xc3\xa9";
-    const std::pair<S, S> cuts[] = {{rep("n", 459), rep("n", 455) + "..."}, {rep(e, 300), rep(e, 227) + "..."},
+    const std::pair<S, S> cuts[] = {{rep("n", 459), rep("n", 455) + "..."}, {rep("\xc3\xa9", 300), rep("\xc3\xa9", 227) + "..."},
                                     {rep("\x80", 600), "..."}};
-    for (auto& [name, kept] : cuts) {
-        Check(*this, Key, [&](A& a) { a.name = name.c_str(); }, "Failed to get the " + kept + " message digest for key generation\n");
-    }
+    for (auto& [name, kept] : cuts) Check(*this, Key, [&](A& a) { a.name = name.c_str(); }, "Failed to get the " + kept + " message digest for key generation\n");
 }
 
 // A status record takes a text that fits with its terminator in the room after msgLen; another
@@ -344,25 +325,20 @@ TEST_F(SnmpTest, StatusRecord) {
     ZulVklStatusWrap& r = *st;
     std::ostringstream out;
     out << st << "|" << (ZulVklStatusWrap*)nullptr;
-    r.Set(S(511, 'x').c_str());
-    r.Set("short");
+    r.Set(S(511, 'x').c_str()), r.Set("short");
     r.msgLen = 500;
-    r.Set("12345678901");
-    r.Set("123456789012");
+    r.Set("12345678901"), r.Set("123456789012");
     VKLTest_SetStatus("VKL_GetStatus", 3, 12, "gone");
     VKLTest_FailCall("VKL_RAND_bytes", 0, -1, 0);
     for (int result : {1, -2, 0, -2}) {
-        VKL_RAND_bytes(vkl, nullptr, 1);
-        VKL_RAND_bytes(vkl, nullptr, 1);
-        r.Set(*vkl, result);
+        VKL_RAND_bytes(vkl, nullptr, 1), VKL_RAND_bytes(vkl, nullptr, 1), r.Set(*vkl, result);
         EXPECT_EQ(TakeQueue(vkl), V());
         out << "|" << r.status.description << "|" << r.errorMsg + 500;
         if (!result) r.msgLen = 4000;
     }
     r.Set("");
     out << "|" << st;
-    ZulVklLogErrMsg(st);
-    ZulVklLogErrMsg(nullptr);
+    ZulVklLogErrMsg(st), ZulVklLogErrMsg(nullptr);
     EXPECT_EQ(out.str(), "|NULL VKL status wrapper||12345678901||VKL_RAND_by|gone|VKL_RAND_by|gone|VKL_RAND_by|gone errorMsg: short");
     EXPECT_EQ(diagnostics->TracesAt(0), (V{"short", "gone"}));
     EXPECT_EQ(diagnostics->TakeErrors("zulcryptimpl"), (V{"123456789012", ""}));
