@@ -19,11 +19,11 @@ namespace {
 
 using namespace zultest;
 using B = std::vector<unsigned char>;
-using S = std::string;
-using V = std::vector<S>;
+using S = std::string; using V = std::vector<S>;
+using CB = ZulVklConstBuffer;
 
 // Empty bytes go in with no address, as an empty input may.
-ZulVklConstBuffer In(const B& b) { return {b.empty() ? nullptr : b.data(), uint32_t(b.size())}; }
+CB In(const B& b) { return {b.empty() ? nullptr : b.data(), uint32_t(b.size())}; }
 
 struct SnmpTest : PlatformTest {
     void SetUp() override {
@@ -59,8 +59,8 @@ struct A {
     const B* in[3] = {};
     uint32_t len[2] = {};
     std::vector<B> pieces{B(5), B(19)};
-    std::deque<ZulVklConstBuffer> ins;
-    std::vector<ZulVklConstBuffer*> ps;
+    std::deque<CB> ins;
+    std::vector<CB*> ps;
     B area, done;
     ZulVklBuffer out{};
     bool Bad() { return n++ == bad || bad < -1; }
@@ -70,16 +70,16 @@ struct A {
     ZulVklCtxWrap* Ctx() { return Bad() ? nullptr : t.ctx; }
     ZulVklStatusWrap* St() { return (lost = Bad()) ? nullptr : t.st; }
     const char* Nm(const char* d) { return Bad() ? nullptr : name ? name : d; }
-    ZulVklConstBuffer* Rec(const B& b, bool bad, uint32_t length = 0) {
+    CB* Rec(const B& b, bool bad, uint32_t length = 0) {
         static const unsigned char one = 0;
-        return &ins.emplace_back(bad ? ZulVklConstBuffer{nullptr, 1} : length ? ZulVklConstBuffer{&one, length} : In(b));
+        return &ins.emplace_back(bad ? CB{nullptr, 1} : length ? CB{&one, length} : In(b));
     }
-    ZulVklConstBuffer* I(int i, const B& b) {
+    CB* I(int i, const B& b) {
         const bool bad = Bad();
         return bad && !nowhere ? nullptr : Rec(i == blank ? kNone : in[i] ? *in[i] : b, bad, i < 2 ? len[i] : 0);
     }
     // The pieces of a message, with a null one after the first when `gap`.
-    ZulVklConstBuffer** P() {
+    CB** P() {
         const bool bad = Bad();
         for (const B& b : pieces) ps.push_back(Rec(b, bad));
         if (gap) ps.insert(ps.begin() + 1, nullptr);
@@ -176,7 +176,7 @@ TEST_F(SnmpTest, Vectors) {
     // A key cut where it lies, one byte on.
     const B kul = ReadVectors("snmp_keys.vec")[1].Bytes("Kul");
     B key = kul;
-    ZulVklConstBuffer k = In(key);
+    CB k = In(key);
     ZulVklBuffer same{key.data() + 1, 16};
     EXPECT_EQ(ZulVklMdExtendKey(ctx, md, "SHA1", 1, &k, &k, &same, st), 1);
     EXPECT_EQ(B(key.begin() + 1, key.begin() + 17), B(kul.begin(), kul.begin() + 16));
@@ -229,45 +229,45 @@ void Check(SnmpTest& t, int op, const std::function<void(A&)>& twist, const S& t
     EXPECT_EQ(again.Got(), want);
 }
 
-// The VKL function (after VKL_EVP_, or VKL_ for HMAC_), its calls to skip, and the operation's
-// own text for VKL's result 0; none: VKL's text, for -2.
-struct Fault { int op; const char* function; unsigned skip; const char* text; };
+// The VKL function (after VKL_EVP_, or VKL_ for HMAC_), the operation's own text for VKL's
+// result 0 (none: VKL's text, for -2), and the calls to skip.
+struct Fault { int op; const char *function, *text; unsigned skip = 0; };
 const Fault kFaults[] = {
-    {Key, "DigestInit", 0, nullptr},
-    {Key, "DigestInit", 0, "key digest initialisation failed "},
-    {Key, "DigestUpdate", 99, "key digest update failed "},
-    {Key, "DigestFinal", 0, "key digest finalisation failed "},
-    {Key, "MD_size", 0, nullptr},
-    {Localise, "DigestInit", 0, "localised key digest initialisation failed "},
-    {Localise, "DigestUpdate", 0, "localised key digest update failed "},
-    {Localise, "DigestFinal", 0, "localised key digest finalisation failed "},
-    {Localise, "MD_size", 0, nullptr},
-    {Chain, "DigestInit", 0, "key change digest initialisation failed "},
-    {Chain, "DigestUpdate", 1, "key change digest update failed "},
-    {Chain, "DigestFinal", 0, "key change digest update failed "},
-    {Chain, "MD_size", 0, nullptr},
-    {Extend, "DigestInit", 0, "key extension digest initialisation failed "},
-    {Extend, "DigestUpdate", 0, "key extension digest update failed "},
-    {Extend, "DigestFinal", 0, "key extension digest finalisation failed "},
-    {EncInit, "EncryptInit", 0, nullptr},
-    {EncInit, "EncryptInit", 0, "Encryption initialisation failed "},
-    {EncInit, "CIPHER_block_size", 0, nullptr},
-    {Pad5, "CIPHER_CTX_set_padding", 0, "Failed to enable padding\n"},
-    {Pad0, "CIPHER_CTX_set_padding", 1, "Failed to disable padding\n"},
-    {EncUpdate, "EncryptUpdate", 1, "Encryption update failed "},
-    {EncFinal, "EncryptFinal", 0, "Encryption finalisation failed "},
-    {EncFinal, "CIPHER_CTX_cleanup", 0, "Failed to cleanup the cipher context after applying encryption algorithmDES-CBC\n"},
-    {DecInit, "DecryptInit", 0, "Decryption initialisation failed "},
-    {DecInit, "CIPHER_CTX_set_padding", 0, "Failed to disable padding with algorithm: DES-CBC\n"},
-    {DecUpdate, "DecryptUpdate", 0, "Decryption update failed "},
-    {DecFinal, "DecryptFinal", 0, "Decryption finalisation failed "},
-    {DecFinal, "CIPHER_CTX_cleanup", 0, "Failed to cleanup the cipher context after applying decryption algorithmDES-CBC\n"},
-    {Hmac, "HMAC_Init", 0, nullptr},
-    {Hmac, "HMAC_Init", 0, "HMAC initialisation failed "},
-    {Hmac, "HMAC_Update", 1, "HMAC update failed "},
-    {Hmac, "HMAC_Final", 0, "HMAC finalisation failed "},
-    {Hmac, "HMAC_Init", 1, "HMAC re-arm failed "},
-    {Hmac, "MD_size", 0, nullptr},
+    {Key, "DigestInit", nullptr},
+    {Key, "DigestInit", "key digest initialisation failed "},
+    {Key, "DigestUpdate", "key digest update failed ", 99},
+    {Key, "DigestFinal", "key digest finalisation failed "},
+    {Key, "MD_size", nullptr},
+    {Localise, "DigestInit", "localised key digest initialisation failed "},
+    {Localise, "DigestUpdate", "localised key digest update failed "},
+    {Localise, "DigestFinal", "localised key digest finalisation failed "},
+    {Localise, "MD_size", nullptr},
+    {Chain, "DigestInit", "key change digest initialisation failed "},
+    {Chain, "DigestUpdate", "key change digest update failed ", 1},
+    {Chain, "DigestFinal", "key change digest update failed "},
+    {Chain, "MD_size", nullptr},
+    {Extend, "DigestInit", "key extension digest initialisation failed "},
+    {Extend, "DigestUpdate", "key extension digest update failed "},
+    {Extend, "DigestFinal", "key extension digest finalisation failed "},
+    {EncInit, "EncryptInit", nullptr},
+    {EncInit, "EncryptInit", "Encryption initialisation failed "},
+    {EncInit, "CIPHER_block_size", nullptr},
+    {Pad5, "CIPHER_CTX_set_padding", "Failed to enable padding\n"},
+    {Pad0, "CIPHER_CTX_set_padding", "Failed to disable padding\n", 1},
+    {EncUpdate, "EncryptUpdate", "Encryption update failed ", 1},
+    {EncFinal, "EncryptFinal", "Encryption finalisation failed "},
+    {EncFinal, "CIPHER_CTX_cleanup", "Failed to cleanup the cipher context after applying encryption algorithmDES-CBC\n"},
+    {DecInit, "DecryptInit", "Decryption initialisation failed "},
+    {DecInit, "CIPHER_CTX_set_padding", "Failed to disable padding with algorithm: DES-CBC\n"},
+    {DecUpdate, "DecryptUpdate", "Decryption update failed "},
+    {DecFinal, "DecryptFinal", "Decryption finalisation failed "},
+    {DecFinal, "CIPHER_CTX_cleanup", "Failed to cleanup the cipher context after applying decryption algorithmDES-CBC\n"},
+    {Hmac, "HMAC_Init", nullptr},
+    {Hmac, "HMAC_Init", "HMAC initialisation failed "},
+    {Hmac, "HMAC_Update", "HMAC update failed ", 1},
+    {Hmac, "HMAC_Final", "HMAC finalisation failed "},
+    {Hmac, "HMAC_Init", "HMAC re-arm failed ", 1},
+    {Hmac, "MD_size", nullptr},
 };
 
 // Each VKL failure once per operation. A size VKL cannot give is refused with VKL's reason;
