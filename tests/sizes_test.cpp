@@ -1,7 +1,6 @@
 // A size VKL cannot give (below the least or beyond the largest algorithm) is refused, with
 // VKL's reason, before it sizes a buffer: one row per class that sizes one.
 #include <cstdlib>
-#include <functional>
 
 #include <czulcryptbignum.h>
 #include <czulcryptciphercontext.h>
@@ -14,20 +13,16 @@
 
 namespace {
 
+using V = std::vector<std::string>;
+
 class SizesTest : public zultest::ContextTest {};
 
-struct Row {
-    const char* function;  // the VKL size question that answers `answer`
-    long answer;
-    const char* file;
-    std::vector<std::string> reports;
-    std::function<bool(CZulCryptContext&, VKL_t*)> run;  // true when the work succeeded
-};
+unsigned char key[16], data[16];
 
 TEST_F(SizesTest, UnusableAnswersAreRefused) {
-    static const unsigned char key[16] = {};
-    static unsigned char data[16] = {};
-    const Row rows[] = {
+    // The VKL size question and its answer, the reports and their file, and the work (true when
+    // it succeeded).
+    const struct { const char* function; long answer; const char* file; V reports; bool (*run)(CZulCryptContext&, VKL_t*); } rows[] = {
         {"VKL_EVP_CIPHER_block_size", -8, "czulcryptciphercontext",
          {"VKL_EVP_CIPHER_block_size: injected failure", "Buffer size is invalid"},
          [](CZulCryptContext& c, VKL_t*) {
@@ -54,7 +49,7 @@ TEST_F(SizesTest, UnusableAnswersAreRefused) {
              return ok;
          }},
     };
-    for (const Row& row : rows) {
+    for (auto& row : rows) {
         SCOPED_TRACE(row.function);
         VKLTest_FailCall(row.function, 0, 1, row.answer);
         EXPECT_FALSE(row.run(*context, vkl));
