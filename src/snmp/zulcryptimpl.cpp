@@ -562,6 +562,8 @@ int ZulVklCipherEncryptUpdateImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const c
             out.data = start;
             return 0;
         }
+        // An empty piece may have no address, which VKL refuses; it adds nothing anyway.
+        if (piece->length == 0) continue;
         int written = 0;
         const int result =
             VKL_EVP_EncryptUpdate(&vkl, &ctx, out.data, &written, piece->data, static_cast<int>(piece->length));
@@ -587,7 +589,7 @@ int ZulVklCipherDecryptUpdateImpl(VKL_t& vkl, VKL_EVP_CIPHER_CTX_t& ctx, const c
         return 0;
     }
     int written = 0;
-    const int result = VKL_EVP_DecryptUpdate(&vkl, &ctx, out.data, &written, in.data, static_cast<int>(in.length));
+    const int result = in.length == 0 ? 1 : VKL_EVP_DecryptUpdate(&vkl, &ctx, out.data, &written, in.data, static_cast<int>(in.length));
     if (result != 1) return FailWith(status, vkl, "Decryption update failed ", result);
     out.length = static_cast<uint32_t>(written);
     return 1;
