@@ -55,9 +55,9 @@ protected:
         return key;
     }
     // The output's hex, or the result when it is negative.
-    std::string Run(Op op, const CZulCryptRSAKey& key, const Bytes& in) {
+    std::string Run(Op op, const CZulCryptRSAKey& key, const Bytes& in, unsigned int length = 0) {
         unsigned char out[2100];
-        const int r = (C(*context).*op)(in.data(), in.size(), key, out);
+        const int r = (C(*context).*op)(in.data(), length ? length : in.size(), key, out);
         return r < 0 ? std::to_string(r) : Hex(out, r);
     }
     // Bits of n e d p q dmp1 dmq1 iqmp in a record whose p was 1 before the key was built into it.
@@ -72,6 +72,7 @@ protected:
         return check ? text + std::to_string(VKL_RSA_check_key(vkl, r.get())) : text;
     }
     Texts Errors(const char* file) { return diagnostics->TakeErrors(file); }
+    void Fail(const char* function, int times = 1, unsigned skip = 0) { VKLTest_FailCall(function, skip, times, 0); }
     // The 2048-bit key of rsa_raw.vec, complete.
     const VectorCase k = zultest::ReadVectors("rsa_raw.vec").at(2);
 };
@@ -118,15 +119,15 @@ TEST_F(RsaTest, Generation) {
     key.GenerateKey(1025, 3);
     EXPECT_EQ(key.KeySize(), 129u);
     EXPECT_EQ(Fields(key, true).back(), '1');
-    VKLTest_FailCall("VKL_RSA_generate_key", 0, 10, 0);
-    VKLTest_FailCall("VKL_RSA_check_key", 0, 1, 0);
+    Fail("VKL_RSA_generate_key", 10);
+    Fail("VKL_RSA_check_key");
     key.GenerateKey(512, 65537);
     EXPECT_EQ(key.KeySize(), 0u);
     const std::string g = "VKL_RSA_generate_key: injected failure";
     Texts failed(10, g);
     failed.insert(failed.end(), {"VKL_RSA_check_key: injected failure", "Exceeded max attempts to produce RSAKey: "});
     EXPECT_EQ(Errors("czulcryptrsakey"), failed);
-    VKLTest_FailCall("VKL_RSA_generate_key", 0, 3, 0);
+    Fail("VKL_RSA_generate_key", 3);
     key.GenerateKey(512, 65537);
     EXPECT_EQ(key.KeySize(), 64u);
     EXPECT_EQ(Errors("czulcryptrsakey"), Texts(3, g));
@@ -155,31 +156,34 @@ TEST_F(RsaTest, Components) {
     Fill(key, k, 'd');
     EXPECT_EQ(Fields(key), "2048 2 2047 1 - - - - ");
     Fill(key, k, 'c');
-    VKLTest_FailCall("VKL_BN_new", 1, 1, 0);
+    Fail("VKL_BN_new", 1, 1);
     EXPECT_EQ(Fields(key), "2048 17 2047 - 1024 1024 1023 1019 ");
-    VKLTest_FailCall("VKL_BN_bin2bn", 4, 1, 0);  // e, after the record's p and the key's n, p and q
+    // e, after the record's p and the key's n, p and q
+    Fail("VKL_BN_bin2bn", 1, 4);
     EXPECT_EQ(Fields(key), "2048 - 2047 1024 1024 1024 1023 1019 ");
     key.SetKey(nullptr);
     EXPECT_EQ(Errors("czulcryptrsakey"),
               (Texts{"VKL_BN_new: injected failure", "Tried to set the CZulCryptRSAKey with a NULL RSA structure."}));
 }
 
-// A key without the exponent an operation needs, a record VKL cannot make, an input longer than VKL's
-// lengths, exponents out of bounds: -1 with the cause; the next call works.
+// A key without the exponent an operation needs, a record VKL cannot make (the next call works), the
+// longest length VKL takes (more than the key holds), a d longer than n, an e not below n: -1 with the cause.
 TEST_F(RsaTest, Failures) {
     VectorCase x = k;
     const auto ne = Key(k, 'e');
     const Bytes zero(1, 0);
     EXPECT_EQ(Run(kPrivEnc, *ne, zero), "-1");
-    VKLTest_FailCall("VKL_RSA_new", 0, 1, 0);
+    Fail("VKL_RSA_new");
     EXPECT_EQ(Run(kPubEnc, *ne, zero), "-1");
     EXPECT_EQ(Run(kPubEnc, *ne, zero).size(), 512u);
+    EXPECT_EQ(Run(kPubEnc, *ne, zero, 2147483647), "-1");
     x.fields["E"] = x.fields["N"];
     x.fields["D"] = "55*257";
     EXPECT_EQ(Run(kPrivEnc, *Key(x, 'd'), zero), "-1");
     EXPECT_EQ(Run(kPubEnc, *Key(x, 'e'), zero), "-1");
     EXPECT_EQ(Errors("czulcryptrsacalculator"),
               (Texts{"VKL_RSA_private_encrypt: the key has no private exponent", "VKL_RSA_new: injected failure",
+                     "error:0200006E:rsa routines::data too large for key size",
                      "VKL_RSA_private_encrypt: the private exponent has 2055 bits, more than the modulus's 2048",
                      "error:02000065:rsa routines::bad e value"}));
 }

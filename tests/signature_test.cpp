@@ -24,6 +24,7 @@ class SignatureTest : public zultest::ContextTest {
 protected:
     void Make() { s = std::make_unique<CZulCryptSignature>(*context); }
     Texts Errors() { return diagnostics->TakeErrors("czulcryptsignature"); }
+    void Fail(const char* function, int times = 1) { VKLTest_FailCall(function, 0, times, 0); }
     void TearDown() override {
         s.reset();
         ContextTest::TearDown();
@@ -51,7 +52,7 @@ protected:
     const Bytes n = key.Bytes("N"), e = key.Bytes("E"), d = key.Bytes("D"), signature = key.Bytes("Out");
 };
 
-// Through one object for every row. Valid = 1: both signing forms give Out, which verifies;
+// Through one object for every row. Valid = 1: signing In gives Out, which verifies;
 // Valid = 0: Out does not verify, with the report Unverifiable (a mismatch if none); Unsignable: signing
 // In fails with that report.
 TEST_F(SignatureTest, Vectors) {
@@ -63,15 +64,15 @@ TEST_F(SignatureTest, Vectors) {
         Texts reports;
         if (valid || v.Has("Unsignable")) {
             ASSERT_TRUE(Set(digest.c_str(), v.Bytes("N"), v.Bytes("D")));
-            for (bool alloc : {false, true})
-                EXPECT_EQ(Sign(alloc, v.Bytes("In")), valid ? Hex(v.Bytes("Out")) : alloc ? "null 0" : "7");
-            if (!valid) reports.assign(2, v.Text("Unsignable"));
+            EXPECT_EQ(Sign(false, v.Bytes("In")), valid ? Hex(v.Bytes("Out")) : "7");
+            if (!valid) reports.push_back(v.Text("Unsignable"));
         }
         if (v.Has("E")) {
             ASSERT_TRUE(Set(digest.c_str(), v.Bytes("N"), v.Bytes("E")));
             EXPECT_EQ(Verify(v.Bytes("Out"), v.Bytes("In")), valid);
-            const char* mismatch = "VKL_EVP_VerifyFinal: the signature does not match";
-            if (!valid) reports.push_back(v.Has("Unverifiable") ? v.Text("Unverifiable") : mismatch);
+            if (!valid)
+                reports.push_back(v.Has("Unverifiable") ? v.Text("Unverifiable")
+                                                        : "VKL_EVP_VerifyFinal: the signature does not match");
         }
         EXPECT_EQ(Errors(), reports);
     }
@@ -81,7 +82,8 @@ TEST_F(SignatureTest, Vectors) {
 TEST_F(SignatureTest, Traces) {
     CZulCryptContext::SetLogLevel(4);
     Make();
-    EXPECT_TRUE(s->GetStatus());
+    // Its result shows in the trace.
+    s->GetStatus();
     EXPECT_EQ(Sign(true, {}), "null 0");
     EXPECT_FALSE(Set(nullptr, n, e));
     s.reset();
@@ -105,7 +107,7 @@ TEST_F(SignatureTest, States) {
     Make();
     ASSERT_TRUE(Set("RSA-SHA1", n, d));
     EXPECT_STREQ(s->GetType(), "SHA1");
-    VKLTest_FailCall("VKL_OBJ_nid2sn", 0, 1, 0);
+    Fail("VKL_OBJ_nid2sn");
     EXPECT_EQ(s->GetType(), nullptr);
     EXPECT_EQ(s->GetDigestSize(), 20);
     EXPECT_EQ(s->GetDigestBlockSize(), 64);
@@ -132,9 +134,9 @@ TEST_F(SignatureTest, States) {
 TEST_F(SignatureTest, Failures) {
     Make();
     ASSERT_TRUE(Set("SHA256", n, d));
-    VKLTest_FailCall("VKL_EVP_DigestInit", 0, 1, 0);
+    Fail("VKL_EVP_DigestInit");
     EXPECT_EQ(Sign(), "7");
-    VKLTest_FailCall("VKL_EVP_PKEY_new", 0, 1, 0);
+    Fail("VKL_EVP_PKEY_new");
     EXPECT_EQ(Sign(true), "null 0");
     EXPECT_EQ(Sign(true), Hex(signature));
     EXPECT_EQ(Errors(),
@@ -148,20 +150,21 @@ TEST_F(SignatureTest, DigestContextFailures) {
 #if defined(__SANITIZE_ADDRESS__)
     __lsan::ScopedDisabler leaks;
 #endif
-    VKLTest_FailCall("VKL_EVP_MD_CTX_new", 0, 2, 0);
+    Fail("VKL_EVP_MD_CTX_new", 2);
     Make();
     Make();
     EXPECT_FALSE(Set("SHA256", n, e));
-    VKLTest_FailCall("VKL_EVP_MD_CTX_init", 0, 1, 0);
+    EXPECT_EQ(VKLTest_CallCount("VKL_EVP_MD_CTX_free"), 0u);
+    Fail("VKL_EVP_MD_CTX_init");
     s->Initialise();
     s->Initialise();
     ASSERT_TRUE(Set("SHA256", n, e));
-    VKLTest_FailCall("VKL_EVP_MD_CTX_cleanup", 0, 1, 0);
+    Fail("VKL_EVP_MD_CTX_cleanup");
     s->ResetMessageDigest();
     EXPECT_FALSE(s->GetStatus());
     {
         CZulCryptSignature lost(*context);
-        VKLTest_FailCall("VKL_EVP_MD_CTX_free", 0, 1, 0);
+        Fail("VKL_EVP_MD_CTX_free");
     }
     liveObjects += 1;
     EXPECT_EQ(Errors(),
