@@ -1,172 +1,191 @@
-// RSA keys and raw RSA as the scripts of tests/data/rsa_raw.vec (known answers, with each key
-// complete, as n and d and as n and e) and tests/data/rsa_scripts.vec (generation, the copying
-// rules, bounds, refusals and failures, and every public key class on a context without VKL);
-// tests/vectors/rsa_composite.vec, an (n, d) whose factor search meets a composite.
+// RSA keys and raw RSA: the known answers of tests/vectors/rsa_raw.vec and rsa_composite.vec, and
+// what a caller sees of generation, the copying rules and failures.
 #include <gtest/gtest.h>
 
-#include <czulcryptdh.h>
 #include <czulcryptrsacalculator.h>
 #include <vkl_testing.h>
 
-#include "script.h"
 #include "test_support.h"
 #include "vector_file.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-using zultest::Args;
+using Texts = std::vector<std::string>;
+using zultest::Hex;
+using zultest::VectorCase;
+using C = CZulCryptRSACalculator;
+using Op = decltype(&C::RSAPublicEncrypt);
+const Op kPubEnc = &C::RSAPublicEncrypt, kPubDec = &C::RSAPublicDecrypt, kPrivEnc = &C::RSAPrivateEncrypt,
+         kPrivDec = &C::RSAPrivateDecrypt;
 
-class RsaTest : public zultest::ContextTest {};
+VectorCase One(const char* name, const char* hex) {
+    VectorCase v;
+    v.fields[name] = hex;
+    return v;
+}
 
-// A VKL record of hex numbers n e d p q dmp1 dmq1 iqmp (- for none), released with the pointer.
-std::shared_ptr<VKL_RSA_t> Record(VKL_t* vkl, const Args& numbers) {
-    std::shared_ptr<VKL_RSA_t> rsa(VKL_RSA_new(vkl), [vkl](VKL_RSA_t* record) { VKL_RSA_free(vkl, record); });
-    VKL_BIGNUM_t** fields[] = {&rsa->n, &rsa->e, &rsa->d, &rsa->p, &rsa->q, &rsa->dmp1, &rsa->dmq1, &rsa->iqmp};
-    for (size_t i = 0; i < numbers.size(); ++i) {
-        const Bytes bytes = numbers[i].IsNull() ? Bytes() : numbers[i].Bytes();
-        if (!bytes.empty()) *fields[i] = VKL_BN_bin2bn(vkl, bytes.data(), static_cast<int>(bytes.size()), nullptr);
+class RsaTest : public zultest::ContextTest {
+protected:
+    // A VKL record of those of n e d p q dmp1 dmq1 iqmp that v has.
+    std::shared_ptr<VKL_RSA_t> Record(const VectorCase& v) {
+        std::shared_ptr<VKL_RSA_t> r(VKL_RSA_new(vkl), [this](VKL_RSA_t* p) { VKL_RSA_free(vkl, p); });
+        VKL_BIGNUM_t** fields[] = {&r->n, &r->e, &r->d, &r->p, &r->q, &r->dmp1, &r->dmq1, &r->iqmp};
+        const char* names[] = {"N", "E", "D", "P", "Q", "DP", "DQ", "QINV"};
+        for (int i = 0; i < 8; ++i)
+            if (v.Has(names[i])) *fields[i] = VKL_BN_bin2bn(vkl, v.Bytes(names[i]).data(), v.Bytes(names[i]).size(), 0);
+        return r;
     }
-    return rsa;
-}
+    // how: 'c' every number of v through a VKL record, 'd' n and d, 'e' n and e.
+    void Fill(CZulCryptRSAKey& key, const VectorCase& v, char how) {
+        if (how == 'c') {
+            const auto r = Record(v);
+            C_VKL_RSA_Wrap wrap(r.get());
+            return key.SetKey(&wrap);
+        }
+        CZulCryptBigNum n(*context), x(*context);
+        const Bytes bn = v.Bytes("N"), bx = v.Bytes(how == 'd' ? "D" : "E");
+        n.SetNumber(bn.size(), bn.data());
+        x.SetNumber(bx.size(), bx.data());
+        how == 'd' ? key.PopulateWithPrivate(&n, &x) : key.PopulateWithPublic(&n, &x);
+    }
+    std::unique_ptr<CZulCryptRSAKey> Key(const VectorCase& v, char how) {
+        auto key = std::make_unique<CZulCryptRSAKey>(*context);
+        Fill(*key, v, how);
+        return key;
+    }
+    // The output's hex, or the result when it is negative.
+    std::string Run(Op op, const CZulCryptRSAKey& key, const Bytes& in, unsigned int length = 0) {
+        unsigned char out[2100];
+        const int r = (C(*context).*op)(in.data(), length ? length : in.size(), key, out);
+        return r < 0 ? std::to_string(r) : Hex(out, r);
+    }
+    // Bits of n e d p q dmp1 dmq1 iqmp in a record whose p was 1 before the key was built into it.
+    // With check, VKL's check of that record follows.
+    std::string Fields(const CZulCryptRSAKey& key, bool check = false) {
+        const auto r = Record(One("P", "01"));
+        C_VKL_RSA_Wrap wrap(r.get());
+        key.BuildKeyStruct(&wrap);
+        std::string text;
+        for (VKL_BIGNUM_t* f : {r->n, r->e, r->d, r->p, r->q, r->dmp1, r->dmq1, r->iqmp})
+            text += (f != nullptr ? std::to_string(VKL_BN_num_bits(vkl, f)) : "-") + " ";
+        return check ? text + std::to_string(VKL_RSA_check_key(vkl, r.get())) : text;
+    }
+    Texts Errors(const char* file) { return diagnostics->TakeErrors(file); }
+    void Fail(const char* function, int times = 1, unsigned skip = 0) { VKLTest_FailCall(function, skip, times, 0); }
+    // The 2048-bit key of rsa_raw.vec, complete.
+    const VectorCase k = zultest::ReadVectors("rsa_raw.vec").at(2);
+};
 
-// The calls of the scripts. Keys are named and made on first use; keys, calculators and
-// Diffie-Hellman objects on the case's context, or after "On good" on a usable one.
-// "Key name how ...": public, take (handing the numbers over) or private, with n and an
-// exponent (- for none); record, from a VKL record of the numbers (none: a holder of no record);
-// generate bits e; null; clear. PubEnc, PubDec, PrivEnc and PrivDec key data [length];
-// RoundTrip encrypts with one key and decrypts with another. $N $E $D $P $Q and $CRT (dmp1 dmq1
-// iqmp) stand for the first key of rsa_raw.vec.
-zultest::Calls RsaCalls(CZulCryptContext& context, CZulCryptContext& usable, VKL_t* vkl) {
-    auto keys = std::make_shared<std::map<std::string, std::unique_ptr<CZulCryptRSAKey>>>();
-    auto number = std::make_shared<CZulCryptBigNum>(context);
-    auto where = std::make_shared<CZulCryptContext*>(&context);
-    CZulCryptContext *mine = &context, *good = &usable;
-    const zultest::VectorCase fixed = zultest::ReadVectors("rsa_raw.vec").at(0);
-    for (const char* name : {"N", "E", "D", "P", "Q"}) zultest::Vars()[std::string("$") + name] = fixed.fields.at(name);
-    zultest::Vars()["$CRT"] = fixed.fields.at("DP") + " " + fixed.fields.at("DQ") + " " + fixed.fields.at("QINV");
-    auto key = [=](const zultest::Arg& name) -> CZulCryptRSAKey& {
-        std::unique_ptr<CZulCryptRSAKey>& slot = (*keys)[name.raw];
-        if (!slot) slot = std::make_unique<CZulCryptRSAKey>(**where);
-        return *slot;
-    };
-    auto big = [=](const zultest::Arg& arg) {
-        std::unique_ptr<CZulCryptBigNum> made(arg.IsNull() ? nullptr : new CZulCryptBigNum(**where));
-        if (made) made->SetNumber(static_cast<unsigned int>(arg.Bytes().size()), arg.Bytes().data());
-        return made;
-    };
-    using Operation = int (CZulCryptRSACalculator::*)(const unsigned char*, unsigned int, const CZulCryptRSAKey&,
-                                                       unsigned char*);
-    auto run = [=](Operation operation) {
-        return [=](const Args& a) {
-            CZulCryptRSACalculator calculator(**where);
-            const Bytes in = a[1].Bytes();
-            Bytes out(2100);
-            const long length = a.size() > 2 ? a[2].Number() : static_cast<long>(in.size());
-            const int result =
-                (calculator.*operation)(in.data(), static_cast<unsigned int>(length), key(a[0]), out.data());
-            zultest::Outcome outcome = zultest::Bytes(result >= 0, out.data(), result > 0 ? result : 0);
-            outcome.number = result;
-            return outcome;
-        };
-    };
-    zultest::Calls calls = {
-        {"On", [=](const Args& a) { *where = a[0].raw == "good" ? good : mine; return zultest::Ok(true); }},
-        {"Key",
-         [=](const Args& a) {
-             CZulCryptRSAKey& made = key(a[0]);
-             const std::string how = a[1].raw;
-             if (how == "record") {
-                 const std::shared_ptr<VKL_RSA_t> rsa = Record(vkl, Args(a.begin() + 2, a.end()));
-                 C_VKL_RSA_Wrap wrap(a.size() > 2 ? rsa.get() : nullptr);
-                 made.SetKey(&wrap);
-             } else if (how == "generate") {
-                 made.GenerateKey(static_cast<int>(a[2].Number()), static_cast<unsigned long>(a[3].Number()));
-             } else if (how == "null" || how == "clear") {
-                 how == "null" ? made.SetKey(nullptr) : made.ClearKey();
-             } else if (how == "take") {
-                 CZulCryptBigNum *n = big(a[2]).release(), *x = big(a[3]).release();
-                 made.PopulateWithPublic(&n, &x);
-                 EXPECT_TRUE(n == nullptr && x == nullptr) << "the key takes the numbers it is given";
-             } else {
-                 const auto n = big(a[2]), x = big(a[3]);
-                 if (how == "private") made.PopulateWithPrivate(n.get(), x.get());
-                 if (how == "public") made.PopulateWithPublic(n.get(), x.get());
-             }
-             return zultest::Number(made.KeySize());
-         }},
-        // Bits of n e d p q dmp1 dmq1 iqmp in a record built from the key, whose p was set to 1
-        // first; - for none. "Fields key check": Ok is VKL's own check of that record. "Fields key
-        // none" builds into a holder of no record instead (and, as every Fields, into no holder).
-        {"Fields",
-         [=](const Args& a) {
-             const std::string mode = a.size() > 1 ? a[1].raw : "";
-             const std::shared_ptr<VKL_RSA_t> rsa = Record(vkl, {{"-"}, {"-"}, {"-"}, {"01"}});
-             C_VKL_RSA_Wrap wrap(mode == "none" ? nullptr : rsa.get());
-             key(a[0]).BuildKeyStruct(&wrap);
-             key(a[0]).BuildKeyStruct(nullptr);
-             std::string text;
-             for (VKL_BIGNUM_t* field : {rsa->n, rsa->e, rsa->d, rsa->p, rsa->q, rsa->dmp1, rsa->dmq1, rsa->iqmp}) {
-                 text += (text.empty() ? "" : " ") + (field ? std::to_string(VKL_BN_num_bits(vkl, field)) : "-");
-             }
-             zultest::Outcome outcome = zultest::Text(text.c_str());
-             outcome.ok = mode == "check" && VKL_RSA_check_key(vkl, rsa.get()) == 1;
-             return outcome;
-         }},
-        // Every operation of a big number 01 00 01 that needs VKL; Out is its value after them.
-        {"NumberNeedingVkl",
-         [=](const Args&) {
-             const unsigned char value[] = {1, 0, 1};
-             number->SetNumber(3, value);
-             C_VKL_BIGNUM_Wrap wrap(VKL_BN_new(vkl));
-             const bool refused =
-                 !number->SetNumber(&wrap) & (number->BuildNumber() == nullptr) & !number->PopulateNumber(&wrap);
-             number->PopulateRandom(64);
-             VKL_BN_free(vkl, wrap.m_pBigNum);
-             return zultest::Bytes(refused, number->GetBigNumPacket(), number->GetLen());
-         }},
-        // Diffie-Hellman: "Dh" (and Oakley group 2), "Dh 512" (a group generated), "Dh peer" (Oakley
-        // group 2, with that big number as the peer's key).
-        {"Dh",
-         [=](const Args& a) {
-             std::unique_ptr<CZulCryptDH> dh(a.empty() || a[0].raw == "peer" ? new CZulCryptDH(**where)
-                                                                              : new CZulCryptDH(**where, 512, 2));
-             if (!a.empty() && a[0].raw == "peer" && dh->SetOakleyGroup2()) dh->ComputeSharedSecret(number.get());
-             zultest::Outcome outcome = zultest::Ok(dh->GetStatus() || (a.empty() && dh->SetOakleyGroup2()));
-             outcome.number = dh->GetSize();
-             return outcome;
-         }},
-    };
-    const std::pair<const char*, Operation> operations[] = {{"PubEnc", &CZulCryptRSACalculator::RSAPublicEncrypt},
-                                                            {"PubDec", &CZulCryptRSACalculator::RSAPublicDecrypt},
-                                                            {"PrivEnc", &CZulCryptRSACalculator::RSAPrivateEncrypt},
-                                                            {"PrivDec", &CZulCryptRSACalculator::RSAPrivateDecrypt}};
-    for (const auto& operation : operations) calls[operation.first] = run(operation.second);
-    calls["RoundTrip"] = [=](const Args& a) {
-        const std::string sealed = zultest::Hex(run(&CZulCryptRSACalculator::RSAPublicEncrypt)({a[0], a[2]}).out);
-        return run(&CZulCryptRSACalculator::RSAPrivateDecrypt)({a[1], {sealed}});
-    };
-    return calls;
-}
-
-TEST_F(RsaTest, Scripts) {
-    for (const char* file : {"rsa_raw.vec", "rsa_scripts.vec"}) {
-        zultest::RunScripts(file, [this](CZulCryptContext& on) { return RsaCalls(on, *context, vkl); });
+TEST_F(RsaTest, Vectors) {
+    for (const VectorCase& v : zultest::ReadVectors("rsa_raw.vec")) {
+        SCOPED_TRACE(v.Where());
+        const auto c = Key(v, 'c'), nd = Key(v, 'd');
+        const Bytes msg = v.Has("Msg") ? v.Bytes("Msg") : Bytes();
+        const std::string m = Hex(msg);
+        const bool refused = v.Has("Refusal");
+        for (const CZulCryptRSAKey* key : {nd.get(), c.get()}) {
+            if (v.Has("Signed")) { EXPECT_EQ(Run(kPrivEnc, *key, msg), Hex(v.Bytes("Signed"))); }
+            if (v.Has("Sealed")) { EXPECT_EQ(Run(kPrivDec, *key, v.Bytes("Sealed")), refused ? "-1" : m); }
+        }
+        if (v.Has("E") && !refused) {
+            const auto ne = Key(v, 'e');
+            for (const CZulCryptRSAKey* key : {ne.get(), c.get()}) {
+                if (v.Has("Signed")) { EXPECT_EQ(Run(kPubDec, *key, v.Bytes("Signed")), m); }
+                const Bytes sealed = zultest::FromHex(Run(kPubEnc, *key, msg));
+                EXPECT_EQ(Run(kPrivDec, key == c.get() ? *c : *nd, sealed), m);
+            }
+        }
+        EXPECT_EQ(Errors("czulcryptrsacalculator"), Texts(refused * 2, refused ? v.Text("Refusal") : ""));
     }
 }
 
 // A composite factor, the smaller or the larger, that passes a Fermat test for half of all bases:
 // every fresh context, whatever bases it draws, gives m^d mod n.
 TEST_F(RsaTest, CompositeFactor) {
-    zultest::Calls calls = RsaCalls(*context, *context, vkl);
-    for (const zultest::VectorCase& v : zultest::ReadVectors("rsa_composite.vec")) {
-        calls.at("Key")({{"k"}, {"private"}, {v.fields.at("N")}, {v.fields.at("D")}});
+    for (const VectorCase& v : zultest::ReadVectors("rsa_composite.vec")) {
+        const auto nd = Key(v, 'd');
         for (int i = 0; i < 20; ++i) {
             VKLTest_Reset();
-            EXPECT_EQ(zultest::Hex(calls.at("PrivEnc")({{"k"}, {v.fields.at("In")}}).out), zultest::Hex(v.Bytes("Out")))
-                << v.Where();
+            EXPECT_EQ(Run(kPrivEnc, *nd, v.Bytes("In")), Hex(v.Bytes("Out"))) << v.Where();
         }
     }
+}
+
+// A key of the size asked (not a whole number of bytes too) that VKL finds consistent; eleven failed
+// attempts, of either kind, each reported and then given up on; after a few failures, a key.
+TEST_F(RsaTest, Generation) {
+    CZulCryptRSAKey key(*context);
+    key.GenerateKey(1025, 3);
+    EXPECT_EQ(key.KeySize(), 129u);
+    EXPECT_EQ(Fields(key, true).back(), '1');
+    Fail("VKL_RSA_generate_key", 10);
+    Fail("VKL_RSA_check_key");
+    key.GenerateKey(512, 65537);
+    EXPECT_EQ(key.KeySize(), 0u);
+    const std::string g = "VKL_RSA_generate_key: injected failure";
+    Texts failed(10, g);
+    failed.insert(failed.end(), {"VKL_RSA_check_key: injected failure", "Exceeded max attempts to produce RSAKey: "});
+    EXPECT_EQ(Errors("czulcryptrsakey"), failed);
+    Fail("VKL_RSA_generate_key", 3);
+    key.GenerateKey(512, 65537);
+    EXPECT_EQ(key.KeySize(), 64u);
+    EXPECT_EQ(Errors("czulcryptrsakey"), Texts(3, g));
+}
+
+// What each way of filling a key replaces: a pair clears a key holding either of its numbers, a
+// record only the components it has. A record built from a key keeps its own numbers where the key
+// has none, and keeps none of them where VKL could not make or fill the key's number.
+TEST_F(RsaTest, Components) {
+    CZulCryptRSAKey key(*context);
+    Fill(key, k, 'c');
+    EXPECT_EQ(Fields(key), "2048 17 2047 1024 1024 1024 1023 1019 ");
+    Fill(key, k, 'd');
+    EXPECT_EQ(Fields(key), "2048 - 2047 1 - - - - ");
+    Fill(key, k, 'e');
+    EXPECT_EQ(Fields(key), "2048 17 - 1 - - - - ");
+    Fill(key, k, 'd');
+    EXPECT_EQ(Fields(key), "2048 - 2047 1 - - - - ");
+    CZulCryptBigNum *n = new CZulCryptBigNum(*context), *none = nullptr;
+    n->SetNumber(3, k.Bytes("N").data());
+    key.PopulateWithPublic(&n, &none);
+    EXPECT_EQ(Fields(key), "24 - - 1 - - - - ");
+    key.ClearKey();
+    EXPECT_EQ(Fields(key), "- - - 1 - - - - ");
+    Fill(key, One("E", "03"), 'c');
+    Fill(key, k, 'd');
+    EXPECT_EQ(Fields(key), "2048 2 2047 1 - - - - ");
+    Fill(key, k, 'c');
+    Fail("VKL_BN_new", 1, 1);
+    EXPECT_EQ(Fields(key), "2048 17 2047 - 1024 1024 1023 1019 ");
+    // e, after the record's p and the key's n, p and q
+    Fail("VKL_BN_bin2bn", 1, 4);
+    EXPECT_EQ(Fields(key), "2048 - 2047 1024 1024 1024 1023 1019 ");
+    key.SetKey(nullptr);
+    EXPECT_EQ(Errors("czulcryptrsakey"),
+              (Texts{"VKL_BN_new: injected failure", "Tried to set the CZulCryptRSAKey with a NULL RSA structure."}));
+}
+
+// A key without the exponent an operation needs, a record VKL cannot make (the next call works), the
+// longest length VKL takes (more than the key holds), a d longer than n, an e not below n: -1 with the cause.
+TEST_F(RsaTest, Failures) {
+    VectorCase x = k;
+    const auto ne = Key(k, 'e');
+    const Bytes zero(1, 0);
+    EXPECT_EQ(Run(kPrivEnc, *ne, zero), "-1");
+    Fail("VKL_RSA_new");
+    EXPECT_EQ(Run(kPubEnc, *ne, zero), "-1");
+    EXPECT_EQ(Run(kPubEnc, *ne, zero).size(), 512u);
+    EXPECT_EQ(Run(kPubEnc, *ne, zero, 2147483647), "-1");
+    x.fields["E"] = x.fields["N"];
+    x.fields["D"] = "55*257";
+    EXPECT_EQ(Run(kPrivEnc, *Key(x, 'd'), zero), "-1");
+    EXPECT_EQ(Run(kPubEnc, *Key(x, 'e'), zero), "-1");
+    EXPECT_EQ(Errors("czulcryptrsacalculator"),
+              (Texts{"VKL_RSA_private_encrypt: the key has no private exponent", "VKL_RSA_new: injected failure",
+                     "error:0200006E:rsa routines::data too large for key size",
+                     "VKL_RSA_private_encrypt: the private exponent has 2055 bits, more than the modulus's 2048",
+                     "error:02000065:rsa routines::bad e value"}));
 }
 
 }  // namespace

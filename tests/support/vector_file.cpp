@@ -81,10 +81,13 @@ std::vector<VectorCase> ReadVectors(const std::string& name) {
 }
 
 VectorCase RsaSha256Signature() {
-    for (const VectorCase& row : ReadVectors("rsa_signature.vec")) {
-        if (row.Text("Digest") == "SHA256" && row.Number("Valid") == 1 && !row.Bytes("In").empty()) return row;
-    }
-    return VectorCase();
+    // The shortest key: the tests that repeat this signature for every allocation pay for its length.
+    VectorCase best;
+    for (const VectorCase& row : ReadVectors("rsa_signature.vec"))
+        if (row.Text("Digest") == "SHA256" && row.Number("Valid") == 1 && row.Has("E") &&
+            (!best.Has("N") || row.Bytes("N").size() < best.Bytes("N").size()))
+            best = row;
+    return best;
 }
 
 }  // namespace zultest

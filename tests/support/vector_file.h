@@ -37,8 +37,8 @@ public:
 // Reads tests/vectors/<name>, or tests/data/<name> when there is none; fails the calling test (ADD_FAILURE) when the file cannot be read.
 std::vector<VectorCase> ReadVectors(const std::string& name);
 
-// The first valid SHA-256 signature of a message in rsa_signature.vec (made by the openssl
-// command line), with its key's N, E and D; a case without "Out" when there is none.
+// A valid SHA-256 signature of a message in rsa_signature.vec (made by the openssl command line),
+// with its key's N, E and D, the key the shortest; a case without "Out" when there is none.
 VectorCase RsaSha256Signature();
 
 }  // namespace zultest
