@@ -101,13 +101,10 @@ void RunScripts(const std::string& file, const Driver& driver) {
         SCOPED_TRACE(script.Where());
         VKLTest_Reset();
         WEXTest_SetGetContextResult(script.Has("NoVkl") ? 0 : -3);
-        WEXTest_SetSystemFips(script.Has("Fips") ? static_cast<int>(script.Number("Fips")) : 0);
-        CZulCryptContext::SetLogLevel(script.Has("LogLevel") ? static_cast<unsigned>(script.Number("LogLevel")) : 0);
         Diagnostics diagnostics;
         const long live = VKLTest_LiveObjects();
         auto context = std::make_unique<CZulCryptContext>();
         WEXTest_SetGetContextResult(-3);
-        if (script.Has("Override")) context->SetIsNonFIPSAllowedInFIPS(script.Number("Override") != 0);
         VKL_t* vkl = nullptr;
         WEXCryptGetContext(&vkl);
         TakeQueue(vkl);
@@ -144,7 +141,6 @@ void RunScripts(const std::string& file, const Driver& driver) {
             Vars() = {{"$ctx", address.str()}};
             std::unique_ptr<Calls> calls;
             bool made = false;
-            unsigned long allocations = 0;
             for (size_t i = 0; i < script.lines.size(); ++i) {
                 // "Yes = call" and "No = call" are a call with its Ok = 1 or Ok = 0.
                 const std::string& given = script.lines[i].first;
@@ -173,12 +169,10 @@ void RunScripts(const std::string& file, const Driver& driver) {
                         continue;
                     }
                     ASSERT_TRUE(calls != nullptr && calls->count(name) == 1u) << "no call " << name;
-                    allocations = VKLTest_Allocations();
                     outcome = calls->at(name)(args);
                     if (yesNo) {
                         EXPECT_EQ(outcome.ok, given == "Yes");
                     }
-                    allocations = VKLTest_Allocations() - allocations;
                 } else if (key == "Ok") {
                     EXPECT_EQ(outcome.ok, arg.Number() != 0);
                 } else if (key == "Result") {
@@ -207,12 +201,6 @@ void RunScripts(const std::string& file, const Driver& driver) {
                     VKLTest_FailCall(f[0].raw.c_str(), f.size() > 1 ? static_cast<unsigned>(f[1].Number()) : 0,
                                      f.size() > 3 ? static_cast<int>(f[3].Number()) : 1,
                                      f.size() > 2 ? f[2].Number() : -2);
-                } else if (key == "Reset") {
-                    VKLTest_Reset();
-                } else if (key == "Oom") {
-                    EXPECT_EQ(VKLTest_FailAllocation(static_cast<unsigned long>(arg.Number())), 1);
-                } else if (key == "Allocations") {
-                    EXPECT_EQ(allocations, static_cast<unsigned long>(arg.Number()));
                 } else if (key == "Wex") {
                     WEXTest_SetGetContextResult(arg.Number());
                 } else if (key == "Host") {
@@ -228,12 +216,6 @@ void RunScripts(const std::string& file, const Driver& driver) {
                 } else if (key == "Length") {
                     const Args c = Split(expanded);
                     EXPECT_EQ(VKLTest_LastLength(c[0].raw.c_str()), c[1].Number()) << c[0].raw;
-                } else if (key == "Queue") {
-                    std::vector<std::string> texts;
-                    for (const Arg& entry : Split(expanded)) {
-                        if (!entry.IsNull()) texts.push_back(entry.Text());
-                    }
-                    EXPECT_EQ(TakeQueue(vkl), texts);
                 }
             }
             // The objects go here, so that what their destructors report is checked too.
@@ -245,7 +227,7 @@ void RunScripts(const std::string& file, const Driver& driver) {
         WEXTest_SetSystemFips(0);
         CZulCryptContext::SetLogLevel(0);
         context.reset();
-        EXPECT_EQ(VKLTest_LiveObjects(), live + (script.Has("Lost") ? script.Number("Lost") : 0))
+        EXPECT_EQ(VKLTest_LiveObjects(), live)
             << "VKL handles left alive";
         diagnostics.Clear();
     }

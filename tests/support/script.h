@@ -10,18 +10,12 @@
 //                                none may be reported when no Report line follows
 //   Trace3 = "text"              traces of that level since the call, when given
 //   Fail = VKL_fn skip result    arms a VKL fault (once) before the next call
-//   Oom = N                      the N-th allocation from here (VKL's or OpenSSL's) fails;
-//                                Allocations = N, how many the latest call made
 //   Count = VKL_fn N             calls of a VKL function since the case began;
 //                                Length = VKL_fn N, the length argument of its latest call
 //   Wex = N / Host = N           from here on, what WEXCryptGetContext returns and the host's
 //                                FIPS mode; Force = VKL_fn major minor "text" forces a record
-//   Queue = "text" "text"        the entries left on VKL's error queue (- for none), taken
-//   NoVkl = 1 / Fips = 1 / Override = 0 / LogLevel = N, before the first call,
-//                                set up the context the case's objects are made on
-//   Reset = 1                    VKLTest_Reset here: counts restart, kept RSA keys are forgotten
-//   Lost = N                     VKL handles the case loses on purpose; any other one
-//                                still alive at its end is a leak
+//   NoVkl = 1                    before the first call: the case's context has no VKL context
+// A VKL entry left on the queue, or a VKL handle left alive, at a case's end fails it.
 // Arguments are hex, "text" (\n for a line break), a number, - for null; a
 // value followed by *N stands for N copies of it. $ctx in a text is the
 // context's address as streams print it. A header line [File = name] names the
