@@ -18,7 +18,8 @@ TEST_F(ContextTest, Scripts) {
         C* on = &given;
         auto c = [=]() -> C& { return *made ? **made : *on; };
         return {ZUL_CALL("New", (*made = std::make_unique<C>(), Ok(true))), ZUL_CALL("Status", Ok(c().GetStatus())),
-                ZUL_CALL("HasVkl", Ok(c().GetContext() != nullptr)), ZUL_CALL("SelfTest", Ok(c().SelfTest())), ZUL_CALL("Seed", Ok(c().SetRandomSeed()))};
+                ZUL_CALL("HasVkl", Ok(c().GetContext() != nullptr)), ZUL_CALL("SelfTest", Ok(c().SelfTest())), ZUL_CALL("Seed", Ok(c().SetRandomSeed())),
+                ZUL_CALL("Check", (Ok(c().CheckStatus(*std::make_unique<std::string>()))))};
     });
 }
 

@@ -136,9 +136,11 @@ TEST_F(SignatureTest, Failures) {
     EXPECT_EQ(Sign(), "7");
     Fail("VKL_EVP_PKEY_new");
     EXPECT_EQ(Sign(true), "null 0");
+    Fail("VKL_EVP_DigestUpdate");
+    EXPECT_EQ(Sign(), "7");
     EXPECT_EQ(Sign(true), Hex(signature));
-    EXPECT_EQ(Errors(),
-              (Texts{"VKL_EVP_DigestInit: injected failure", "VKL_EVP_PKEY_new: injected failure"}));
+    EXPECT_EQ(Errors(), (Texts{"VKL_EVP_DigestInit: injected failure", "VKL_EVP_PKEY_new: injected failure",
+                               "VKL_EVP_DigestUpdate: injected failure"}));
 }
 
 // The digest context: one VKL could not make leaves the object unusable, and destroyed without a call,
