@@ -67,8 +67,7 @@ bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
     // VKL writes as many bytes as the number has, whatever its bit count said. Written into
     // room for the largest number a packet can carry (larger than any RSA or DH number),
     // a count that says too little cannot make it write past the end.
-    const unsigned int room = kScratchBytes;
-    unsigned char* scratch = new (std::nothrow) unsigned char[room]();
+    unsigned char* scratch = new (std::nothrow) unsigned char[kScratchBytes]();
     if (scratch == nullptr) {
         Release();
         ZUL_REPORT("Insufficient memory");
@@ -76,7 +75,7 @@ bool CZulCryptBigNum::SetNumber(const C_VKL_BIGNUM_Wrap* number) {
     }
     const int written = VKL_BN_bn2bin(vkl, number->m_pBigNum, scratch);
     const bool copied = Allocate(length, scratch);
-    zul::Cleanse(scratch, room);
+    zul::Cleanse(scratch, kScratchBytes);
     delete[] scratch;
     if (!copied) return false;
     if (written < 0 || static_cast<unsigned int>(written) != length) {

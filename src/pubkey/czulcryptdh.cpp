@@ -109,7 +109,8 @@ VKL_t* CZulCryptDH::Vkl() { return zul::VklOf(m_rContext); }
 namespace {
 
 // The secret's block starts with the secret's length: its wipe and its size as handed out
-// must not depend on VKL answering the same size again later.
+// must not depend on VKL answering the same size again later. Not a member: callers build
+// this class, so its layout is part of the library's interface.
 constexpr size_t kLengthField = sizeof(size_t);
 
 size_t SecretLength(const unsigned char* secret) {
