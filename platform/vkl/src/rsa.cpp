@@ -404,11 +404,11 @@ bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* 
         ERR_raise(ERR_LIB_RSA, RSA_R_DATA_TOO_LARGE_FOR_MODULUS);
         return false;
     }
-    // A key met for the first time is completed, and this operation done by OpenSSL with it:
-    // the private operation without padding is em^d mod n.
-    const PkeyPtr key = RecoverKey(vkl, rsa, bnCtx.get());
-    if (key) {
-        PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), key.get(), nullptr));
+    // A key met for the first time is completed. With OpenSSL's key the private operation
+    // without padding is em^d mod n.
+    const Recovered recovered = RecoverKey(vkl, rsa, bnCtx.get());
+    if (recovered.key) {
+        PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), recovered.key.get(), nullptr));
         size_t written = static_cast<size_t>(k);
         if (!ctx || EVP_PKEY_decrypt_init(ctx.get()) != 1 ||
             EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) != 1 ||
@@ -419,8 +419,16 @@ bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* 
         }
         return true;
     }
-    // Without e there is no blinding, so the exponentiation itself must not leak d.
+    // Without e there is no blinding, so the exponentiations themselves must not leak d.
     BN_set_flags(d.get(), BN_FLG_CONSTTIME);
+    if (recovered.split) {
+        if (!SplitExponentiate(*recovered.split, m.get(), d.get(), result.get(), bnCtx.get()) ||
+            BN_bn2binpad(result.get(), out, k) != k) {
+            errors.Fail(function, "the RSA operation failed");
+            return false;
+        }
+        return true;
+    }
     static Probe& withD = Probe::Named("VKL_RSA/d");
     if (withD.Enter() || BN_MONT_CTX_set(mont.get(), n, bnCtx.get()) != 1 ||
         BN_mod_exp_mont_consttime(result.get(), m.get(), d.get(), n, bnCtx.get(), mont.get()) != 1 ||

@@ -48,16 +48,28 @@ PkeyPtr ToOpenSslKey(VKL_t* vkl, const VKL_RSA_t* rsa, bool withPrivate, const c
 bool HasPublicKey(const VKL_RSA_t* rsa, const char* function);
 bool HasPrivateKey(const VKL_RSA_t* rsa, const char* function);
 
-// For a record holding n and d but no e: the complete key (e, the primes, the CRT values)
-// recovered by an earlier RecoverKey and kept, among the 8 keys used last. Null when none is
-// kept; the error queue is left as it was.
+// For a record holding n and d but no e: OpenSSL's complete key, recovered by an earlier
+// RecoverKey, kept among the 8 keys used last, and with factors that passed their prime tests.
+// Null otherwise; the error queue is left as it was.
 PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa);
 
-// For a record holding n and d but no e: the complete key, recovered now when the record is met
-// for the first time in this context (and kept), or kept from before. Null when no usual public
-// exponent fits d, the factors found are not primes, the modulus is over 4096 bits, or the
-// recovery failed (tried again next time); the caller then exponentiates with d. The error queue is left as it was.
-PkeyPtr RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx);
+struct SplitKey;
+struct Recovered {
+    PkeyPtr key;
+    std::shared_ptr<const SplitKey> split;
+};
+
+// For a record holding n and d but no e: what the key's factors allow, found now when the record
+// is met for the first time in this context (and kept), or kept from before. OpenSSL's complete
+// key once its factors passed their prime tests (run on the key's 64th use); before that, and for
+// good when they fail, the split key for SplitExponentiate. Neither when no usual public exponent
+// fits d, the factors are not coprime, the modulus is over 4096 bits, or the recovery failed
+// (tried again next time); the caller then exponentiates with d. The error queue is left as it was.
+Recovered RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx);
+
+// result = m^d mod n (m below n) from the split key of (n, d), with constant-time exponentiations;
+// false when OpenSSL failed.
+bool SplitExponentiate(const SplitKey& key, const BIGNUM* m, const BIGNUM* d, BIGNUM* result, BN_CTX* ctx);
 
 // Modulus length in bytes.
 int ModulusBytes(const VKL_RSA_t* rsa);

@@ -1,6 +1,13 @@
-// Complete RSA keys from n and d: the public exponent among the usual ones, the primes from
-// e·d − 1, the CRT values, kept per context so that a signer pays for them once. Every operation
-// with a completed key, the first one too, is OpenSSL's (blinded, constant-time CRT).
+// Complete RSA keys from n and d: the public exponent among the usual ones, the factors from
+// e·d − 1, the CRT values, kept per context so that a signer pays for them once.
+// Until both factors pass their prime tests, each operation checks that its own message m
+// satisfies m^(p − 1) ≡ 1 mod p, and the same for q: then m^d ≡ m^(d mod (p − 1)) mod p exactly,
+// whatever p is, and the CRT with reduced exponents is m^d mod n. A factor whose check fails (p
+// is then composite) takes the whole d, which is right modulo any p. OpenSSL's own CRT would not
+// do: its blinding needs e·d ≡ 1 modulo λ(n), which a composite p can break. The checks cost
+// about one signature more; the prime tests cost some 60 to 140, so they wait until the key has
+// been used kUsesBeforePrimeTests times, and a signer never pays much over twice the least it could.
+// From then on every operation is OpenSSL's (blinded, constant-time CRT).
 // Moduli over 4096 bits are not completed: the primality tests would cost far more than the
 // exponentiation with d they save (seconds at 14336 bits), paid again by a caller cycling more
 // keys than are kept; above that size the exponentiation with d stays, right for any modulus.
@@ -26,16 +33,12 @@ namespace vkl {
 namespace {
 
 constexpr size_t kPrivateKeysKept = 8;
+constexpr unsigned kUsesBeforePrimeTests = 64;
 constexpr int kMaxRecoveredModulusBits = 4096;
 constexpr unsigned long kUsualExponents[] = {65537, 3, 5, 17, 257};
 // The continued fraction below finds k/g, g dividing gcd(p − 1, q − 1); a key with a larger
 // g than this (next to none of random primes) keeps the exponentiation with d.
 constexpr int kMaxDenominatorBits = 24;
-
-struct Factors {
-    BnPtr p{BN_new()}, q{BN_new()}, dp{BN_new()}, dq{BN_new()}, qinv{BN_new()};
-    bool Made() const { return p && q && dp && dq && qinv; }
-};
 
 // floor(sqrt(x)) by Newton's iteration from above.
 bool SquareRoot(BIGNUM* root, const BIGNUM* x, BN_CTX* ctx) {
@@ -57,7 +60,7 @@ bool SquareRoot(BIGNUM* root, const BIGNUM* x, BN_CTX* ctx) {
 // roots of x² − (p + q)x + n. A handful of divisions, where the randomized method of
 // NIST SP 800-56B appendix C would cost a full exponentiation per try.
 // Runs once per key and context; like any derivation of CRT values its timing depends on the key.
-bool Factor(const BIGNUM* n, const BIGNUM* d, unsigned long e, Factors& out, BN_CTX* ctx, bool& failed) {
+bool Factor(const BIGNUM* n, const BIGNUM* d, unsigned long e, SplitKey& out, BN_CTX* ctx, bool& failed) {
     BnPtr m(BN_dup(d)), a(BN_new()), b(BN_dup(n)), h0(BN_new()), h1(BN_new()), k0(BN_new()), k1(BN_new());
     BnPtr quotient(BN_new()), rest(BN_new()), t(BN_new()), phi(BN_new()), s(BN_new()), disc(BN_new()), root(BN_new());
     failed = !m || !a || !b || !h0 || !h1 || !k0 || !k1 || !quotient || !rest || !t || !phi || !s || !disc || !root ||
@@ -86,30 +89,41 @@ bool Factor(const BIGNUM* n, const BIGNUM* d, unsigned long e, Factors& out, BN_
                  BN_rshift1(out.p.get(), out.p.get()) != 1 || BN_sub(out.q.get(), s.get(), root.get()) != 1 ||
                  BN_rshift1(out.q.get(), out.q.get()) != 1 || BN_mul(t.get(), out.p.get(), out.q.get(), ctx) != 1;
         if (failed || BN_cmp(t.get(), n) != 0 || BN_is_one(out.q.get())) continue;
-        // e·d ≡ 1 modulo both p − 1 and q − 1: then d mod (p − 1) and d mod (q − 1) are exact.
+        // e·d ≡ 1 modulo both p − 1 and q − 1, so that e is the key's exponent.
         failed = !BN_copy(phi.get(), out.p.get()) || BN_sub_word(phi.get(), 1) != 1 ||
-                 BN_mod(rest.get(), m.get(), phi.get(), ctx) != 1 || BN_mod(out.dp.get(), d, phi.get(), ctx) != 1;
+                 BN_mod(rest.get(), m.get(), phi.get(), ctx) != 1;
         if (failed || !BN_is_zero(rest.get())) continue;
         failed = !BN_copy(phi.get(), out.q.get()) || BN_sub_word(phi.get(), 1) != 1 ||
-                 BN_mod(rest.get(), m.get(), phi.get(), ctx) != 1 || BN_mod(out.dq.get(), d, phi.get(), ctx) != 1;
+                 BN_mod(rest.get(), m.get(), phi.get(), ctx) != 1;
         if (failed || !BN_is_zero(rest.get())) continue;
         return true;
     }
     return false;
 }
 
-// A key whose factors are not both prime would make OpenSSL's CRT give other results than m^d mod n,
-// and its check with e can pass all the same: a composite P = r·(2r − 1) passes a Fermat test for half
-// of all bases. Miller-Rabin with OpenSSL's rounds for the size (64 for 2048 bits and below) lets a
-// composite through with a chance below 2^-128. Also q⁻¹ mod p, without a branch on the secrets.
-bool Primes(Factors& f, BN_CTX* ctx, bool& failed) {
-    const int p = BN_check_prime(f.p.get(), ctx, nullptr);
-    const int q = p == 1 ? BN_check_prime(f.q.get(), ctx, nullptr) : 0;
-    failed = p < 0 || q < 0;
-    if (q != 1) return false;
-    BN_set_flags(f.q.get(), BN_FLG_CONSTTIME);
-    failed = BN_mod_inverse(f.qinv.get(), f.q.get(), f.p.get(), ctx) == nullptr;
-    return !failed;
+// The rest of the split key for the factors found; false when q has no inverse modulo p (they
+// are not coprime) or OpenSSL failed.
+bool Prepare(SplitKey& key, const BIGNUM* d, BN_CTX* ctx) {
+    key.montP.reset(BN_MONT_CTX_new());
+    key.montQ.reset(BN_MONT_CTX_new());
+    for (BnPtr* number : {&key.pLess, &key.qLess, &key.dp, &key.dq, &key.qinvR2}) {
+        number->reset(BN_secure_new());
+        if (!*number) return false;
+        // Divisions, exponentiations and the inverse without a branch on the secrets.
+        BN_set_flags(number->get(), BN_FLG_CONSTTIME);
+    }
+    BN_set_flags(key.p.get(), BN_FLG_CONSTTIME);
+    BN_set_flags(key.q.get(), BN_FLG_CONSTTIME);
+    if (!key.montP || !key.montQ || BN_MONT_CTX_set(key.montP.get(), key.p.get(), ctx) != 1 ||
+        BN_MONT_CTX_set(key.montQ.get(), key.q.get(), ctx) != 1 || !BN_copy(key.pLess.get(), key.p.get()) ||
+        BN_sub_word(key.pLess.get(), 1) != 1 || !BN_copy(key.qLess.get(), key.q.get()) ||
+        BN_sub_word(key.qLess.get(), 1) != 1 || BN_mod(key.dp.get(), d, key.pLess.get(), ctx) != 1 ||
+        BN_mod(key.dq.get(), d, key.qLess.get(), ctx) != 1) {
+        return false;
+    }
+    return BN_mod_inverse(key.qinvR2.get(), key.q.get(), key.p.get(), ctx) != nullptr &&
+           BN_to_montgomery(key.qinvR2.get(), key.qinvR2.get(), key.montP.get(), ctx) == 1 &&
+           BN_to_montgomery(key.qinvR2.get(), key.qinvR2.get(), key.montP.get(), ctx) == 1;
 }
 
 bool PushSecret(OSSL_PARAM_BLD* bld, const char* key, BIGNUM* number) {
@@ -117,16 +131,19 @@ bool PushSecret(OSSL_PARAM_BLD* bld, const char* key, BIGNUM* number) {
     return OSSL_PARAM_BLD_push_BN(bld, key, number) == 1;
 }
 
-PkeyPtr Import(VKL_t* vkl, const BIGNUM* n, unsigned long e, const BIGNUM* d, Factors& f) {
+PkeyPtr Import(VKL_t* vkl, const BIGNUM* n, unsigned long e, const BIGNUM* d, const BIGNUM* p, const BIGNUM* q,
+               const BIGNUM* dp, const BIGNUM* dq, const BIGNUM* qinv) {
     ParamBldPtr bld(OSSL_PARAM_BLD_new());
-    BnPtr exponent(BN_new()), secretD(BN_dup(d));
-    bool ok = bld && exponent && secretD && BN_set_word(exponent.get(), e) == 1 &&
+    BnPtr exponent(BN_new()), secretD(BN_dup(d)), secretP(BN_dup(p)), secretQ(BN_dup(q)), secretDp(BN_dup(dp)),
+        secretDq(BN_dup(dq)), secretQinv(BN_dup(qinv));
+    bool ok = bld && exponent && secretD && secretP && secretQ && secretDp && secretDq && secretQinv &&
+              BN_set_word(exponent.get(), e) == 1 &&
               OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n) == 1 &&
               OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) == 1;
     const std::pair<const char*, BIGNUM*> secrets[] = {
-        {OSSL_PKEY_PARAM_RSA_D, secretD.get()},      {OSSL_PKEY_PARAM_RSA_FACTOR1, f.p.get()},
-        {OSSL_PKEY_PARAM_RSA_FACTOR2, f.q.get()},    {OSSL_PKEY_PARAM_RSA_EXPONENT1, f.dp.get()},
-        {OSSL_PKEY_PARAM_RSA_EXPONENT2, f.dq.get()}, {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, f.qinv.get()}};
+        {OSSL_PKEY_PARAM_RSA_D, secretD.get()},         {OSSL_PKEY_PARAM_RSA_FACTOR1, secretP.get()},
+        {OSSL_PKEY_PARAM_RSA_FACTOR2, secretQ.get()},   {OSSL_PKEY_PARAM_RSA_EXPONENT1, secretDp.get()},
+        {OSSL_PKEY_PARAM_RSA_EXPONENT2, secretDq.get()}, {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, secretQinv.get()}};
     for (const auto& secret : secrets) ok = ok && PushSecret(bld.get(), secret.first, secret.second);
     if (!ok) return nullptr;
     ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
@@ -157,8 +174,9 @@ bool MakeKeyId(VKL_t* vkl, const VKL_RSA_t* rsa, KeyId& id) {
 }
 
 // The entry named `id`, moved to the front; false when there is none. Drops everything made
-// before the latest test reset first.
-bool Lookup(VKL_t* vkl, const KeyId& id, PkeyPtr& key) {
+// before the latest test reset first. With `due`, counts a use of a split key and sets `due` when
+// the caller is to run its prime tests.
+bool Lookup(VKL_t* vkl, const KeyId& id, Recovered& found, bool* due) {
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
     const unsigned long resets = g_resets.load(std::memory_order_relaxed);
     if (vkl->keysReset != resets) {
@@ -168,28 +186,60 @@ bool Lookup(VKL_t* vkl, const KeyId& id, PkeyPtr& key) {
     for (auto it = vkl->privateKeys.begin(); it != vkl->privateKeys.end(); ++it) {
         if (CRYPTO_memcmp(it->id.data(), id.data(), id.size()) != 0) continue;
         vkl->privateKeys.splice(vkl->privateKeys.begin(), vkl->privateKeys, it);
-        if (it->key && EVP_PKEY_up_ref(it->key.get()) == 1) key.reset(it->key.get());
+        if (it->key && EVP_PKEY_up_ref(it->key.get()) == 1) found.key.reset(it->key.get());
+        found.split = it->split;
+        if (due != nullptr && it->split && !it->tested && ++it->uses >= kUsesBeforePrimeTests) {
+            it->tested = true;
+            *due = true;
+        }
         return true;
     }
     return false;
 }
 
-void Remember(VKL_t* vkl, const KeyId& id, const PkeyPtr& key) {
-    EVP_PKEY* reference = key && EVP_PKEY_up_ref(key.get()) == 1 ? key.get() : nullptr;
-    if (key && reference == nullptr) return;
+// Keeps what was found for `id`: as a new entry when `add`, else in place of the split key of the
+// entry if it is still kept.
+void Remember(VKL_t* vkl, const KeyId& id, const Recovered& found, bool add) {
+    EVP_PKEY* reference = found.key && EVP_PKEY_up_ref(found.key.get()) == 1 ? found.key.get() : nullptr;
+    if (found.key && reference == nullptr) return;
+    PkeyPtr key(reference);
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
-    // Another thread may have recovered the same key meanwhile: one entry is enough.
-    for (const RecoveredKey& entry : vkl->privateKeys) {
-        if (CRYPTO_memcmp(entry.id.data(), id.data(), id.size()) == 0) {
-            EVP_PKEY_free(reference);
-            return;
+    for (RecoveredKey& entry : vkl->privateKeys) {
+        if (CRYPTO_memcmp(entry.id.data(), id.data(), id.size()) != 0) continue;
+        // Another thread may have recovered the same key meanwhile: one entry is enough.
+        if (!add) {
+            entry.key = std::move(key);
+            entry.split.reset();
         }
+        return;
     }
+    if (!add) return;
     vkl->privateKeys.emplace_front();
-    vkl->privateKeys.front().id = id;
-    vkl->privateKeys.front().key.reset(reference);
+    RecoveredKey& entry = vkl->privateKeys.front();
+    entry.id = id;
+    entry.key = std::move(key);
+    entry.split = found.split;
+    entry.uses = 1;
     // The least recently used goes, its key freed by OpenSSL with its secrets cleared.
     if (vkl->privateKeys.size() > kPrivateKeysKept) vkl->privateKeys.pop_back();
+}
+
+// Runs the prime tests of a split key's factors: when both pass, OpenSSL's key replaces the split
+// one, for this operation too; otherwise the split key stays, right for any coprime factors.
+// Miller-Rabin with OpenSSL's rounds for the size (64 for 2048 bits and below) lets a composite
+// through with a chance below 2^-128, where a Fermat test passes P = r·(2r − 1) for half of all bases.
+void Settle(VKL_t* vkl, const VKL_RSA_t* rsa, const KeyId& id, Recovered& found) {
+    const SplitKey& split = *found.split;
+    BnCtxPtr ctx(BN_CTX_secure_new_ex(vkl->libctx.get()));
+    BnPtr qinv(BN_secure_new());
+    if (!ctx || !qinv || BN_check_prime(split.p.get(), ctx.get(), nullptr) != 1 ||
+        BN_check_prime(split.q.get(), ctx.get(), nullptr) != 1 ||
+        BN_mod_inverse(qinv.get(), split.q.get(), split.p.get(), ctx.get()) == nullptr) {
+        return;
+    }
+    found.key = Import(vkl, rsa->n->bn.get(), split.e, rsa->d->bn.get(), split.p.get(), split.q.get(),
+                       split.dp.get(), split.dq.get(), qinv.get());
+    if (found.key) Remember(vkl, id, found, false);
 }
 
 }  // namespace
@@ -197,48 +247,78 @@ void Remember(VKL_t* vkl, const KeyId& id, const PkeyPtr& key) {
 PkeyPtr CompleteKey(VKL_t* vkl, const VKL_RSA_t* rsa) {
     ErrorScope errors;
     KeyId id;
-    PkeyPtr key;
-    if (MakeKeyId(vkl, rsa, id)) (void)Lookup(vkl, id, key);
+    Recovered found;
+    // A split key is counted by RecoverKey, which its operation goes on to.
+    if (MakeKeyId(vkl, rsa, id)) (void)Lookup(vkl, id, found, nullptr);
     OPENSSL_cleanse(id.data(), id.size());
     errors.Drop();
-    return key;
+    return std::move(found.key);
 }
 
-PkeyPtr RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx) {
+Recovered RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx) {
     const BIGNUM* n = rsa->n->bn.get();
     const BIGNUM* d = rsa->d->bn.get();
+    Recovered found;
     // d of 0 or 1 fits no key.
-    if (BN_cmp(d, BN_value_one()) <= 0 || BN_num_bits(n) > kMaxRecoveredModulusBits) return nullptr;
+    if (BN_cmp(d, BN_value_one()) <= 0 || BN_num_bits(n) > kMaxRecoveredModulusBits) return found;
     ErrorScope errors;
     KeyId id;
-    PkeyPtr key;
-    if (!MakeKeyId(vkl, rsa, id) || Lookup(vkl, id, key)) {
+    bool due = false;
+    if (!MakeKeyId(vkl, rsa, id) || Lookup(vkl, id, found, &due)) {
+        if (due) Settle(vkl, rsa, id, found);
         OPENSSL_cleanse(id.data(), id.size());
         errors.Drop();
-        return key;
+        return found;
     }
-    Factors factors;
-    bool failed = !factors.Made();
-    unsigned long e = 0;
+    auto split = std::make_shared<SplitKey>();
+    split->p.reset(BN_secure_new());
+    split->q.reset(BN_secure_new());
+    bool failed = !split->p || !split->q;
     for (unsigned long candidate : kUsualExponents) {
-        if (failed || e != 0) break;
-        if (Factor(n, d, candidate, factors, ctx, failed)) e = candidate;
+        if (failed || split->e != 0) break;
+        if (Factor(n, d, candidate, *split, ctx, failed)) split->e = candidate;
     }
-    if (!failed && e != 0 && Primes(factors, ctx, failed)) {
-        key = Import(vkl, n, e, d, factors);
-        failed = !key;
-    }
+    // Factors that are not coprime make no key, as no usual e does.
+    if (!failed && split->e != 0 && Prepare(*split, d, ctx)) found.split = std::move(split);
     static Probe& probe = Probe::Named("VKL_RSA/recover");
-    if (probe.Enter(key ? static_cast<long>(e) : 0L)) {
+    if (probe.Enter(found.split ? static_cast<long>(found.split->e) : 0L)) {
         failed = true;
-        key.reset();
+        found.split.reset();
     }
-    // A key that no usual e fits, or whose factors are not primes, is remembered as such; a
-    // failure is not, so the next call tries again.
-    if (!failed) Remember(vkl, id, key);
+    // A key that no usual e fits is remembered as such; a failure is not, so the next call tries again.
+    if (!failed) Remember(vkl, id, found, true);
     OPENSSL_cleanse(id.data(), id.size());
     errors.Drop();
-    return key;
+    return found;
+}
+
+bool SplitExponentiate(const SplitKey& key, const BIGNUM* m, const BIGNUM* d, BIGNUM* result, BN_CTX* ctx) {
+    BN_CTX_start(ctx);
+    BIGNUM* xp = BN_CTX_get(ctx);
+    BIGNUM* xq = BN_CTX_get(ctx);
+    BIGNUM* checkP = BN_CTX_get(ctx);
+    BIGNUM* checkQ = BN_CTX_get(ctx);
+    // The factors carry BN_FLG_CONSTTIME, so the reductions take OpenSSL's constant-time division,
+    // as its own CRT does; the pairs of exponentiations take its parallel code where the sizes allow.
+    // Whether a check passes tells nothing of a key with prime factors.
+    bool ok = checkQ != nullptr && BN_mod(xp, m, key.p.get(), ctx) == 1 && BN_mod(xq, m, key.q.get(), ctx) == 1 &&
+              BN_mod_exp_mont_consttime_x2(checkP, xp, key.pLess.get(), key.p.get(), key.montP.get(), checkQ, xq,
+                                           key.qLess.get(), key.q.get(), key.montQ.get(), ctx) == 1;
+    const BIGNUM* dp = ok && BN_is_one(checkP) ? key.dp.get() : d;
+    const BIGNUM* dq = ok && BN_is_one(checkQ) ? key.dq.get() : d;
+    // h = (xp − xq)·q⁻¹ mod p, from xp + p − xq, above 0 as xq < q < p; m^d = xq + h·q, below p·q.
+    ok = ok &&
+         BN_mod_exp_mont_consttime_x2(xp, xp, dp, key.p.get(), key.montP.get(), xq, xq, dq, key.q.get(),
+                                      key.montQ.get(), ctx) == 1 &&
+         BN_add(xp, xp, key.p.get()) == 1 && BN_sub(xp, xp, xq) == 1 &&
+         BN_from_montgomery(xp, xp, key.montP.get(), ctx) == 1 &&
+         BN_mod_mul_montgomery(xp, xp, key.qinvR2.get(), key.montP.get(), ctx) == 1 &&
+         BN_mul(result, xp, key.q.get(), ctx) == 1 && BN_add(result, result, xq) == 1;
+    for (BIGNUM* x : {xp, xq, checkP, checkQ}) {
+        if (x != nullptr) BN_clear(x);
+    }
+    BN_CTX_end(ctx);
+    return ok;
 }
 
 }  // namespace vkl

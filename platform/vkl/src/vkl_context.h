@@ -22,13 +22,27 @@
 namespace vkl {
 
 // A complete RSA key recovered from n and d, named by SHA-256 over both; no key when no usual
-// public exponent fits d or its factors are not primes. The name is derived from d, so it is
-// wiped with the entry.
+// public exponent fits d. The name is derived from d, so it is wiped with the entry.
 using KeyId = std::array<unsigned char, 32>;
+
+// A key recovered from n and d whose factors have not passed their prime tests: p > q, p − 1,
+// q − 1, d reduced modulo each, q⁻¹·R² mod p (R of p's Montgomery context), both contexts and
+// the e found.
+struct SplitKey {
+    BnPtr p, q, pLess, qLess, dp, dq, qinvR2;
+    MontCtxPtr montP, montQ;
+    unsigned long e = 0;
+};
 
 struct RecoveredKey {
     KeyId id{};
+    // OpenSSL's key once the factors passed their tests; until then (and for good when they
+    // fail) the split key, shared with the operations using it. `uses` counts operations before
+    // the tests; `tested` is set when a thread takes them on.
     PkeyPtr key;
+    std::shared_ptr<const SplitKey> split;
+    unsigned uses = 0;
+    bool tested = false;
     RecoveredKey() = default;
     RecoveredKey(const RecoveredKey&) = delete;
     RecoveredKey& operator=(const RecoveredKey&) = delete;
