@@ -422,12 +422,12 @@ bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* 
     // Without e there is no blinding, so the exponentiations themselves must not leak d.
     BN_set_flags(d.get(), BN_FLG_CONSTTIME);
     if (recovered.split) {
-        if (!SplitExponentiate(*recovered.split, m.get(), d.get(), result.get(), bnCtx.get()) ||
-            BN_bn2binpad(result.get(), out, k) != k) {
-            errors.Fail(function, "the RSA operation failed");
-            return false;
-        }
-        return true;
+        // Should it fail, the exponentiation with d below does the work, with no error left behind.
+        ErrorScope splitErrors;
+        const bool done = SplitExponentiate(*recovered.split, m.get(), d.get(), n, result.get(), bnCtx.get()) &&
+                          BN_bn2binpad(result.get(), out, k) == k;
+        splitErrors.Drop();
+        if (done) return true;
     }
     static Probe& withD = Probe::Named("VKL_RSA/d");
     if (withD.Enter() || BN_MONT_CTX_set(mont.get(), n, bnCtx.get()) != 1 ||

@@ -68,8 +68,10 @@ struct Recovered {
 Recovered RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx);
 
 // result = m^d mod n (m below n) from the split key of (n, d), with constant-time exponentiations;
-// false when OpenSSL failed.
-bool SplitExponentiate(const SplitKey& key, const BIGNUM* m, const BIGNUM* d, BIGNUM* result, BN_CTX* ctx);
+// false when OpenSSL failed or the result fails its check with e (a fault): the caller then
+// exponentiates with d.
+bool SplitExponentiate(const SplitKey& key, const BIGNUM* m, const BIGNUM* d, const BIGNUM* n, BIGNUM* result,
+                       BN_CTX* ctx);
 
 // Modulus length in bytes.
 int ModulusBytes(const VKL_RSA_t* rsa);

@@ -232,14 +232,22 @@ void Settle(VKL_t* vkl, const VKL_RSA_t* rsa, const KeyId& id, Recovered& found)
     const SplitKey& split = *found.split;
     BnCtxPtr ctx(BN_CTX_secure_new_ex(vkl->libctx.get()));
     BnPtr qinv(BN_secure_new());
-    if (!ctx || !qinv || BN_check_prime(split.p.get(), ctx.get(), nullptr) != 1 ||
-        BN_check_prime(split.q.get(), ctx.get(), nullptr) != 1 ||
-        BN_mod_inverse(qinv.get(), split.q.get(), split.p.get(), ctx.get()) == nullptr) {
+    const int pPrime = ctx && qinv ? BN_check_prime(split.p.get(), ctx.get(), nullptr) : -1;
+    const int qPrime = pPrime == 1 ? BN_check_prime(split.q.get(), ctx.get(), nullptr) : pPrime;
+    if (qPrime == 0) return;
+    if (qPrime == 1 && BN_mod_inverse(qinv.get(), split.q.get(), split.p.get(), ctx.get()) != nullptr) {
+        found.key = Import(vkl, rsa->n->bn.get(), split.e, rsa->d->bn.get(), split.p.get(), split.q.get(),
+                           split.dp.get(), split.dq.get(), qinv.get());
+    }
+    if (found.key) {
+        Remember(vkl, id, found, false);
         return;
     }
-    found.key = Import(vkl, rsa->n->bn.get(), split.e, rsa->d->bn.get(), split.p.get(), split.q.get(),
-                       split.dp.get(), split.dq.get(), qinv.get());
-    if (found.key) Remember(vkl, id, found, false);
+    // The tests or the import failed, as when memory runs out: the next use tries them again.
+    std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
+    for (RecoveredKey& entry : vkl->privateKeys) {
+        if (CRYPTO_memcmp(entry.id.data(), id.data(), id.size()) == 0) entry.tested = false;
+    }
 }
 
 }  // namespace
@@ -278,8 +286,12 @@ Recovered RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx) {
         if (failed || split->e != 0) break;
         if (Factor(n, d, candidate, *split, ctx, failed)) split->e = candidate;
     }
-    // Factors that are not coprime make no key, as no usual e does.
-    if (!failed && split->e != 0 && Prepare(*split, d, ctx)) found.split = std::move(split);
+    // Factors that are not coprime fail here too, and are factored again next time, as after an
+    // allocation failure: rare, and no dearer than the exponentiation with d it then takes.
+    if (!failed && split->e != 0) {
+        failed = !Prepare(*split, d, ctx);
+        if (!failed) found.split = std::move(split);
+    }
     static Probe& probe = Probe::Named("VKL_RSA/recover");
     if (probe.Enter(found.split ? static_cast<long>(found.split->e) : 0L)) {
         failed = true;
@@ -292,8 +304,10 @@ Recovered RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx) {
     return found;
 }
 
-bool SplitExponentiate(const SplitKey& key, const BIGNUM* m, const BIGNUM* d, BIGNUM* result, BN_CTX* ctx) {
+bool SplitExponentiate(const SplitKey& key, const BIGNUM* m, const BIGNUM* d, const BIGNUM* n, BIGNUM* result,
+                       BN_CTX* ctx) {
     BN_CTX_start(ctx);
+    BIGNUM* e = BN_CTX_get(ctx);
     BIGNUM* xp = BN_CTX_get(ctx);
     BIGNUM* xq = BN_CTX_get(ctx);
     BIGNUM* checkP = BN_CTX_get(ctx);
@@ -314,6 +328,11 @@ bool SplitExponentiate(const SplitKey& key, const BIGNUM* m, const BIGNUM* d, BI
          BN_from_montgomery(xp, xp, key.montP.get(), ctx) == 1 &&
          BN_mod_mul_montgomery(xp, xp, key.qinvR2.get(), key.montP.get(), ctx) == 1 &&
          BN_mul(result, xp, key.q.get(), ctx) == 1 && BN_add(result, result, xq) == 1;
+    // As OpenSSL checks its own CRT: a fault in the computation must not hand out a value from
+    // which gcd(s^e − m, n) gives a factor. The check proves nothing of composite factors (e-th
+    // roots are then not unique); the exactness above does not rest on it.
+    ok = ok && BN_set_word(e, key.e) == 1 && BN_mod_exp_mont(xp, result, e, n, ctx, nullptr) == 1 &&
+         BN_cmp(xp, m) == 0;
     for (BIGNUM* x : {xp, xq, checkP, checkQ}) {
         if (x != nullptr) BN_clear(x);
     }
