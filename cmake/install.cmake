@@ -1,20 +1,20 @@
-# Installs the three libraries, the headers under include/wexcryptcpp/, a CMake
-# package (find_package(WexCryptCpp) -> WexCryptCpp::wexcryptcpp) and wexcryptcpp.pc.
+# Installs the three libraries, the library's headers under include/wexcryptcpp/, the
+# platform stand-ins' headers in include/ where the vendor's would lie, a CMake package
+# (find_package(WexCryptCpp) -> WexCryptCpp::wexcryptcpp) and wexcryptcpp.pc.
 include(CMakePackageConfigHelpers)
 
 set(ZUL_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/wexcryptcpp)
 set_target_properties(vkl wexcrypt wexcryptcpp PROPERTIES INSTALL_RPATH "$ORIGIN")
 
-install(TARGETS wexcryptcpp vkl wexcrypt EXPORT WexCryptCppTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  INCLUDES DESTINATION ${ZUL_INCLUDE_DIR})
+install(TARGETS wexcryptcpp EXPORT WexCryptCppTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS vkl wexcrypt LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 file(GLOB ZUL_PUBLIC_HEADERS ${CMAKE_CURRENT_SOURCE_DIR}/include/*.h)
-install(FILES ${ZUL_PUBLIC_HEADERS}
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/vkl/include/vkl.h
+install(FILES ${ZUL_PUBLIC_HEADERS} DESTINATION ${ZUL_INCLUDE_DIR})
+install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/platform/vkl/include/vkl.h
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/vkl/include/vkl_testing.h
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/wexcrypt/include/wexcrypt.h
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/wexcrypt/include/wexcrypt_testing.h
-  DESTINATION ${ZUL_INCLUDE_DIR})
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 install(EXPORT WexCryptCppTargets NAMESPACE WexCryptCpp::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/WexCryptCpp)

@@ -3,7 +3,7 @@
 #ifndef CZULCRYPTCIPHERCONTEXT_H
 #define CZULCRYPTCIPHERCONTEXT_H
 
-#include <czulcryptcontext.h>
+#include "czulcryptcontext.h"
 
 #include "zulcryptexport.h"
 

@@ -1,9 +1,9 @@
-# Installs the build into a scratch prefix, then builds two consumers against
-# it: one through find_package(WexCryptCpp), one through pkg-config. The
-# consumers get the build's compiler flags, so a sanitizer build stays whole.
+# Installs the build into a scratch prefix (or takes PREFIX and LIBDIR where the
+# packages lie), then builds two consumers against it: one through
+# find_package(WexCryptCpp), one through pkg-config. The consumers get the
+# build's compiler flags, so a sanitizer build stays whole.
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
-set(PREFIX ${WORK_DIR}/prefix)
 
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
@@ -12,13 +12,12 @@ function(run)
   endif()
 endfunction()
 
-run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
-
-foreach(header czulcryptcontext.h vkl.h vkl_testing.h wexcrypt.h wexcrypt_testing.h)
-  if(NOT EXISTS ${PREFIX}/include/wexcryptcpp/${header})
-    message(FATAL_ERROR "${header} not installed")
-  endif()
-endforeach()
+if(NOT PREFIX)
+  set(PREFIX ${WORK_DIR}/prefix)
+  set(LIBDIR lib)
+  run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+endif()
+set(ENV{LD_LIBRARY_PATH} ${PREFIX}/${LIBDIR})
 
 # CMake package consumer.
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install/consumer -B ${WORK_DIR}/cmake-consumer
@@ -27,7 +26,7 @@ run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-consumer)
 run(${WORK_DIR}/cmake-consumer/consumer)
 
 # pkg-config consumer.
-set(ENV{PKG_CONFIG_PATH} ${PREFIX}/lib/pkgconfig)
+set(ENV{PKG_CONFIG_PATH} ${PREFIX}/${LIBDIR}/pkgconfig)
 execute_process(COMMAND pkg-config --cflags --libs wexcryptcpp RESULT_VARIABLE rc OUTPUT_VARIABLE flags
                 OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT rc EQUAL 0)
