@@ -12,11 +12,12 @@ static const UsmAuthProtocol kAuth[] = {
     {"SHA-256", "SHA256", 24},  {"SHA-384", "SHA384", 32},  {"SHA-512", "SHA512", 48},
 };
 
-/* AES-192 and AES-256 need more key than a localised MD5, SHA-1 or SHA-224 key holds. The plain names
- * lengthen it as draft-blumenthal-aes-usm-04 does, the -C names as draft-reeder-snmpv3-usm-3desede-00
- * does; the two give different keys, so the name must match the peer's. */
+/* AES-192, AES-256 and 3DES need more key than a localised MD5, SHA-1 or SHA-224 key holds. The plain
+ * AES names lengthen it as draft-blumenthal-aes-usm-04 does, the -C names and 3DES as
+ * draft-reeder-snmpv3-usm-3desede-00 does; the two give different keys, so the name must match the peer's. */
 static const UsmPrivProtocol kPriv[] = {
     {"DES", "DES-CBC", 8, 1, 0},
+    {"3DES", "DES-EDE3-CBC", 24, 1, ZULVKL_KEY_EXTENSION_REEDER},
     {"AES", "AES-128-CFB", 16, 0, 0},
     {"AES-192", "AES-192-CFB", 24, 0, ZULVKL_KEY_EXTENSION_BLUMENTHAL},
     {"AES-256", "AES-256-CFB", 32, 0, ZULVKL_KEY_EXTENSION_BLUMENTHAL},
@@ -47,7 +48,9 @@ const UsmPrivProtocol* UsmFindPriv(const char* name) {
 }
 
 const char* UsmAuthNames(void) { return "MD5, SHA, SHA-224, SHA-256, SHA-384, SHA-512"; }
-const char* UsmPrivNames(void) { return "DES, AES, AES-192, AES-256, AES-192-C, AES-256-C"; }
+const char* UsmPrivNames(void) { return "DES, 3DES, AES, AES-192, AES-256, AES-192-C, AES-256-C"; }
+
+size_t UsmPrivNeeded(const UsmPrivProtocol* priv) { return priv->keyLength + (priv->des ? 8 : 0); }
 
 void UsmWipe(void* data, size_t length) {
     volatile unsigned char* p = (volatile unsigned char*)data;
@@ -162,9 +165,7 @@ int UsmUserFromFiles(UsmCrypto* crypto, UsmUser* user, const char* authFile, con
         return 0;
     }
     user->keyLength = (size_t)length;
-    /* DES takes its pre-IV from the bytes after its key; the AES rows lengthen a short key. */
-    size_t needed = user->priv->des ? 16 : user->priv->keyLength;
-    if (needed > user->keyLength && user->priv->extension == 0) {
+    if (UsmPrivNeeded(user->priv) > user->keyLength && user->priv->extension == 0) {
         fprintf(stderr, "%s with %s needs a longer key than %s gives\n", user->priv->name, user->auth->name,
                 user->auth->name);
         return 0;
@@ -185,16 +186,17 @@ int UsmLocalise(UsmCrypto* crypto, UsmUser* user, const unsigned char* engineId,
         UsmWipe(user->privKey, sizeof user->privKey);
         return Fail(crypto, "key localisation");
     }
-    if (user->priv->extension == 0) return 1;
-    /* Made apart from the localised key it is read from, then put in its place; what the localised key
-     * held beyond the cipher's key is not needed again. */
+    /* A localised key long enough is used as it is: the cipher reads its start. */
+    size_t needed = UsmPrivNeeded(user->priv);
+    if (needed <= user->keyLength) return 1;
+    /* Made apart from the localised key it is read from, then put in its place. */
     unsigned char extended[USM_MAX_KEY];
     ZulVklConstBuffer localised = {user->privKey, (uint32_t)user->keyLength};
-    ZulVklBuffer out = {extended, user->priv->keyLength};
+    ZulVklBuffer out = {extended, (uint32_t)needed};
     int ok = ZulVklMdExtendKey(crypto->ctx, crypto->md, digest, user->priv->extension, &engine, &localised, &out,
                                crypto->status) == 1;
     UsmWipe(user->privKey, sizeof user->privKey);
-    if (ok) memcpy(user->privKey, extended, user->priv->keyLength);
+    if (ok) memcpy(user->privKey, extended, needed);
     UsmWipe(extended, sizeof extended);
     if (!ok) {
         UsmWipe(user->authKey, sizeof user->authKey);
@@ -248,12 +250,12 @@ int UsmVerify(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, si
     return ok && difference == 0;
 }
 
-/* The IV of one message: pre-IV XOR salt for DES (RFC 3414 8.1.1.1), boots, time and salt for AES
- * (RFC 3826 3.1.2.1). */
+/* The IV of one message: pre-IV (the key's next 8 bytes) XOR salt for DES (RFC 3414 8.1.1.1) and 3DES,
+ * boots, time and salt for AES (RFC 3826 3.1.2.1). */
 static void Iv(const UsmUser* user, uint32_t boots, uint32_t time, const unsigned char* salt,
                      unsigned char iv[16]) {
     if (user->priv->des) {
-        for (int i = 0; i < 8; ++i) iv[i] = (unsigned char)(user->privKey[8 + i] ^ salt[i]);
+        for (int i = 0; i < 8; ++i) iv[i] = (unsigned char)(user->privKey[user->priv->keyLength + i] ^ salt[i]);
         return;
     }
     for (int i = 0; i < 4; ++i) {

@@ -2,7 +2,8 @@
  * The user-based security model's cryptography for the two UDP examples,
  * through the library's C-callable interface only: the protocol tables, user
  * keys from password files (RFC 3414 A.2), the MAC (RFC 3414 6 and 7,
- * RFC 7860) and the privacy ciphers (RFC 3414 8 DES-CBC, RFC 3826 AES-CFB).
+ * RFC 7860) and the privacy ciphers (RFC 3414 8 DES-CBC, RFC 3826 AES-CFB,
+ * draft-reeder-snmpv3-usm-3desede-00 3DES-EDE-CBC).
  */
 #ifndef USM_SEC_H
 #define USM_SEC_H
@@ -25,7 +26,7 @@ typedef struct UsmPrivProtocol {
     const char* name;   /* as snmpd's createUser and snmpget -x name it */
     const char* cipher; /* the library's cipher name */
     unsigned keyLength; /* cipher key bytes, from the localised key (lengthened if short) */
-    int des;            /* DES-CBC: pre-IV from the localised key, padded input */
+    int des;            /* DES and 3DES CBC: pre-IV from the 8 key bytes after the cipher's, padded input */
     /* ZULVKL_KEY_EXTENSION_BLUMENTHAL or _REEDER: how the localised key is made as long as the cipher's
      * key (a longer one is only cut); 0 for DES and AES-128, which any digest's key covers. */
     int extension;
@@ -37,6 +38,8 @@ const UsmPrivProtocol* UsmFindPriv(const char* name);
 /* "MD5, SHA, ..." for messages. */
 const char* UsmAuthNames(void);
 const char* UsmPrivNames(void);
+/* Bytes of privacy key the protocol reads: the cipher's key, and the pre-IV for DES and 3DES. */
+size_t UsmPrivNeeded(const UsmPrivProtocol* priv);
 
 typedef struct UsmCrypto {
     ZulVklCtxWrap* ctx;
@@ -58,7 +61,8 @@ typedef struct UsmUser {
     unsigned char authKu[USM_MAX_KEY]; /* from the passwords, before localisation */
     unsigned char privKu[USM_MAX_KEY];
     unsigned char authKey[USM_MAX_KEY]; /* localised to the authoritative engine */
-    unsigned char privKey[USM_MAX_KEY]; /* the cipher's key (and DES's pre-IV), zeros after it */
+    /* The localised key, lengthened when shorter than UsmPrivNeeded: the cipher's key and pre-IV first. */
+    unsigned char privKey[USM_MAX_KEY];
 } UsmUser;
 
 /* Reads both password files and derives the user's Ku: 1, or 0 with a message on stderr. */
