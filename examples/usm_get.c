@@ -96,16 +96,12 @@ static void PrintVarBind(const UsmVarBind* bind) {
     }
 }
 int main(int argc, char** argv) {
-    const char *userName = NULL, *auth = NULL, *authFile = NULL, *priv = NULL, *privFile = NULL, *address = NULL;
+    UsmOptions options = {0};
+    const char* address = NULL;
     static unsigned char oids[USM_MAX_VARBINDS][MAX_OID_CONTENT];
     size_t oidLengths[USM_MAX_VARBINDS], count = 0;
     for (int i = 1; i < argc; ++i) {
-        const char** option = strcmp(argv[i], "--user") == 0                 ? &userName
-                              : strcmp(argv[i], "--auth") == 0               ? &auth
-                              : strcmp(argv[i], "--auth-password-file") == 0 ? &authFile
-                              : strcmp(argv[i], "--priv") == 0               ? &priv
-                              : strcmp(argv[i], "--priv-password-file") == 0 ? &privFile
-                                                                             : NULL;
+        const char** option = UsmOption(&options, argv[i]);
         if (option != NULL) {
             if (i + 1 == argc) return Usage("an option lacks its value");
             *option = argv[++i];
@@ -122,18 +118,11 @@ int main(int argc, char** argv) {
             ++count;
         }
     }
-    if (!userName || !auth || !authFile || !priv || !privFile || !address || count == 0) {
-        return Usage("missing arguments");
-    }
-    if (strlen(userName) == 0 || strlen(userName) > USM_MAX_USER) return Usage("the user name needs 1 to 32 characters");
-
+    if (!address || count == 0) return Usage("missing arguments");
     UsmUser user;
     memset(&user, 0, sizeof user);
-    memcpy(user.name, userName, strlen(userName));
-    user.auth = UsmFindAuth(auth);
-    user.priv = UsmFindPriv(priv);
-    if (user.auth == NULL) return Usage("unknown authentication protocol");
-    if (user.priv == NULL) return Usage("unknown privacy protocol");
+    const char* why = UsmUserFromOptions(&user, &options);
+    if (why != NULL) return Usage(why);
 
     UsmCrypto crypto;
     Agent agent = {.socket = -1};
@@ -145,7 +134,7 @@ int main(int argc, char** argv) {
         pdu.vars[i].name = (BerItem){BER_OID, oids[i], oidLengths[i]};
         pdu.vars[i].value = (BerItem){BER_NULL, NULL, 0};
     }
-    int ok = UsmCryptoOpen(&crypto) && UsmUserFromFiles(&crypto, &user, authFile, privFile) &&
+    int ok = UsmCryptoOpen(&crypto) && UsmUserFromFiles(&crypto, &user, options.authFile, options.privFile) &&
              UsmAgentOpen(&agent, "usm_get", address) &&
              UsmLocalise(&crypto, &user, agent.engineId, agent.engineIdLength) &&
              UsmRequest(&crypto, &user, &agent, &pdu, &answer);

@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # usm_get against Debian's snmpd, its output against snmpget's, for every auth x priv pair; then
-# usm_agent queried by snmpget; both against pysnmp. Only 127.0.0.1, ports picked at run time,
-# every process started here stopped by its pid on the way out. Exit 77 (skipped) without snmpd
-# and snmpget; no pysnmp skips its pairs.
-# usage: usm_interop.sh USM_GET USM_AGENT
+# usm_agent queried by snmpget; both against pysnmp; usm_passwd against snmpd, snmpusm against
+# usm_agent. Only 127.0.0.1, ports picked at run time, every process started here stopped by its
+# pid on the way out. Exit 77 (skipped) without snmpd, snmpget, snmpusm; no pysnmp skips its pairs.
+# usage: usm_interop.sh USM_GET USM_AGENT USM_PASSWD
 set -u
-get=$(realpath $1) agent=$(realpath $2) PATH=$PATH:/usr/sbin
+get=$(realpath $1) agent=$(realpath $2) passwd=$(realpath $3) PATH=$PATH:/usr/sbin
 py="/usr/bin/python3 $(realpath $(dirname $0))/usm_interop_pysnmp.py"
-type snmpd snmpget &>/dev/null || { echo "skipped: no snmpd, snmpget"; exit 77; }
+type snmpd snmpget snmpusm &>/dev/null || { echo "skipped: no snmpd, snmpget, snmpusm"; exit 77; }
 dir=$(mktemp -d) daemon= failures=0
 cd $dir
-mkdir -p client/cert_indexes
+mkdir -p client/cert_indexes kc
 # 0 when the daemon exits cleanly on SIGTERM.
 stop() { kill $daemon; wait $daemon; local s=$?; daemon=; return $s; } 2>/dev/null
 trap '[ -z "$daemon" ] || stop; rm -rf $dir' EXIT
@@ -18,6 +18,7 @@ trap '[ -z "$daemon" ] || stop; rm -rf $dir' EXIT
 export SNMPCONFPATH=$dir SNMP_PERSISTENT_DIR=$dir/client HOME=$dir
 echo maplesyrup >pw
 echo maplesyrop >wrong
+echo pancakes42 >new
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 ok() { [ $? = 0 ] && echo "ok: $*" || fail "$*"; } # by the status of the command before
 
@@ -128,6 +129,42 @@ else
   echo "skipped the pysnmp pairs: no python3-pysnmp4"
 fi
 
+# ---- usm_passwd against snmpd, which changes the keys only of users it read back from its own
+# file: u0 changes both passwords at once, u1 one after the other.
+printf 'rwuser u%s authpriv\n' 0 1 >snmpd.conf
+printf 'createUser u0 SHA maplesyrup AES maplesyrup\ncreateUser u1 SHA-256 maplesyrup AES-256-C maplesyrup\n' >kc/snmpd.conf
+kc_() { SNMPCONFPATH=$dir:$dir/kc SNMP_PERSISTENT_DIR=$dir/kc exec snmpd -f -Lo udp:127.0.0.1:$port; }
+upw() { $passwd --user $1 --auth $2 --priv $3 --auth-password-file $4 --priv-password-file $5 "${@:6}" 127.0.0.1:$port; }
+if start kc_ && { stop; start kc_; }; then
+  upw u0 SHA AES pw pw --new-auth-password-file new --new-priv-password-file new &&
+    upw u1 SHA-256 AES-256-C pw pw --new-auth-password-file new && upw u1 SHA-256 AES-256-C new pw --new-priv-password-file new
+  ok "usm_passwd to snmpd"
+  for user in u0/SHA/AES u1/SHA-256/AES-256-C; do
+    set -- ${user//\// }
+    [[ $(sget $1 $2 $3 new new $s.5.0 2>&1) = ".$s.5.0 = STRING: "* ]]; ok "snmpd $2 $3, new passwords"
+    refused "snmpd $2 $3, old passwords" "Authentication failure" sget $1 $2 $3 pw pw $s.5.0
+  done
+  stop
+fi
+
+# ---- snmpusm passwd against usm_agent (usmUser*KeyChange when the user is named, usmUserOwn* else);
+# then a Set it cannot do, and a KeyChange of the wrong length.
+for pair in MD5/DES SHA/AES SHA-512/AES-256; do
+  set -- ${pair/\// }
+  start agent_ $1 $2 || continue
+  snmpusm -m '' -v3 -l authPriv -u alice -a $1 -x $2 -A maplesyrup -X maplesyrup 127.0.0.1:$port passwd maplesyrup \
+    pancakes42 $([ $1 = SHA ] && echo alice) >/dev/null && [ "$(sget alice $1 $2 new new $s.1.0 2>&1)" = "$descr" ]
+  ok "snmpusm passwd to usm_agent, $pair"
+  refused "usm_agent $pair, old passwords" "Authentication failure" sget alice $1 $2 pw pw $s.1.0
+  # usmUserOwnAuthKeyChange's index: the engine ID's length and octets, then "alice"'s
+  idx=$(eval echo .13$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' log | sed 's/../.$((16#&))/g').5.97.108.105.99.101)
+  for want in "notWritable $s.1.0 s x" "wrongLength 1.3.6.1.6.3.15.1.2.2.1.7$idx x 00"; do
+    set -- $1 $2 $want
+    [[ $(snmpset -m '' -v3 -l authPriv -u alice -a $1 -x $2 -A pancakes42 -X pancakes42 127.0.0.1:$port "${@:4}" 2>&1) = \
+      *"Reason: $3"* ]]; ok "usm_agent $pair, Set: $3"
+  done
+  stop
+done
 echo "$failures failure(s)"
 [ $failures = 0 ]
 

@@ -177,7 +177,8 @@ static int Request(UsmCrypto* crypto, const UsmUser* user, Agent* agent, UsmPdu*
     UsmHeader in;
     size_t got = Exchange(agent, gOut, m.length, h.msgId, &in);
     if (got == 0) {
-        fprintf(stderr, "%s: (an agent drops a request it cannot decrypt: is the privacy password right?)\n", agent->program);
+        fprintf(stderr, "%s: (an agent drops a request it cannot decrypt: is the privacy password right?)\n",
+                agent->program);
         return 0;
     }
     if (in.engineId.length != agent->engineIdLength ||

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -45,6 +46,29 @@ const UsmPrivProtocol* UsmFindPriv(const char* name) {
         if (strcmp(kPriv[i].name, name) == 0) return &kPriv[i];
     }
     return NULL;
+}
+
+const char** UsmOption(UsmOptions* options, const char* name) {
+    return strcmp(name, "--user") == 0                 ? &options->user
+           : strcmp(name, "--auth") == 0               ? &options->auth
+           : strcmp(name, "--auth-password-file") == 0 ? &options->authFile
+           : strcmp(name, "--priv") == 0               ? &options->priv
+           : strcmp(name, "--priv-password-file") == 0 ? &options->privFile
+                                                       : NULL;
+}
+
+const char* UsmUserFromOptions(UsmUser* user, const UsmOptions* options) {
+    if (!options->user || !options->auth || !options->authFile || !options->priv || !options->privFile) {
+        return "missing arguments";
+    }
+    size_t length = strlen(options->user);
+    if (length == 0 || length > sizeof user->name - 1) return "the user name needs 1 to 32 characters";
+    memcpy(user->name, options->user, length + 1);
+    user->auth = UsmFindAuth(options->auth);
+    user->priv = UsmFindPriv(options->priv);
+    return user->auth == NULL ? "unknown authentication protocol"
+           : user->priv == NULL ? "unknown privacy protocol"
+                                : NULL;
 }
 
 const char* UsmAuthNames(void) { return "MD5, SHA, SHA-224, SHA-256, SHA-384, SHA-512"; }
@@ -309,4 +333,45 @@ int UsmDecrypt(UsmCrypto* crypto, const UsmUser* user, uint32_t boots, uint32_t 
     if (!ok) return Fail(crypto, "decryption");
     *outLength = body.length + tail.length;
     return 1;
+}
+
+int UsmKeyChange(UsmCrypto* crypto, const UsmUser* user, const unsigned char* oldKey, const unsigned char* random,
+                 size_t length, const unsigned char* in, unsigned char* out) {
+    unsigned char block[USM_MAX_KEY];
+    ZulVklConstBuffer previous = {oldKey, (uint32_t)length}, salt = {random, (uint32_t)length};
+    int ok = 1;
+    /* RFC 3414 5: digest(old key | random), then digest(previous digest | random), until the key is covered. */
+    for (size_t at = 0; ok && at < length;) {
+        ZulVklBuffer digest = {NULL, 0};
+        ok = ZulVklMdKeyChangeDigest(crypto->ctx, crypto->md, user->auth->digest, &previous, &salt, &digest,
+                                     crypto->status) == 1 && digest.length <= sizeof block;
+        if (digest.data != NULL) {
+            if (ok) memcpy(block, digest.data, digest.length);
+            UsmWipe(digest.data, digest.length);
+            free(digest.data);
+        }
+        for (size_t i = 0; ok && i < digest.length && at < length; ++i, ++at) out[at] = in[at] ^ block[i];
+        previous = (ZulVklConstBuffer){block, digest.length};
+    }
+    UsmWipe(block, sizeof block);
+    return ok || Fail(crypto, "key change");
+}
+
+size_t UsmUserEntryOid(unsigned char column, const unsigned char* engineId, size_t engineIdLength, const char* user,
+                       unsigned char* oid) {
+    static const unsigned char kUsmUserEntry[] = {0x2b, 6, 1, 6, 3, 15, 1, 2, 2, 1};
+    size_t at = sizeof kUsmUserEntry;
+    memcpy(oid, kUsmUserEntry, at);
+    oid[at++] = column;
+    /* Indexed by the engine ID and the name, each its length and then one arc per octet (two bytes above 127). */
+    const unsigned char* parts[2] = {engineId, (const unsigned char*)user};
+    size_t lengths[2] = {engineIdLength, strlen(user)};
+    for (int p = 0; p < 2; ++p) {
+        oid[at++] = (unsigned char)lengths[p];
+        for (size_t i = 0; i < lengths[p]; ++i) {
+            if (parts[p][i] > 0x7f) oid[at++] = (unsigned char)(0x80 | (parts[p][i] >> 7));
+            oid[at++] = parts[p][i] & 0x7f;
+        }
+    }
+    return at;
 }
