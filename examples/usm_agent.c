@@ -7,8 +7,10 @@
  *
  * It answers engine discovery with its engine ID, boots and time, and
  * authPriv GetRequests (GetNext and GetBulk too) for sysDescr.0, sysUpTime.0
- * and the usmStats counters. A request is authenticated before anything in
- * it is used; one outside the 150-second window is refused with an
+ * and the usmStats counters, and SetRequests that change its user's keys by
+ * KeyChange (usmUser[Own]AuthKeyChange, usmUser[Own]PrivKeyChange, RFC 3414
+ * 5): the answer goes out under the old keys, the next message needs the new
+ * ones. A request is authenticated before anything in it is used; one outside the 150-second window is refused with an
  * authenticated usmStatsNotInTimeWindows report (RFC 3414 3.2). Every error
  * report it sends is counted in its usmStats counter.
  *
@@ -58,6 +60,8 @@ static unsigned char gRequest[USM_MAX_MESSAGE + 8], gPlain[USM_MAX_MESSAGE + 8],
 typedef struct Engine {
     UsmCrypto crypto;
     UsmUser user;
+    UsmUser next; /* the user's keys once the answer to a Set has gone out */
+    int changed;  /* 1 when next holds keys to take */
     unsigned char engineId[13];
     struct timespec started;
     uint32_t stats[STATS_COUNT];
@@ -141,12 +145,44 @@ static void Answer(const Engine* engine, const UsmPdu* request, UsmPdu* response
         }
     }
     response->count = request->count;
-    if (request->type == PDU_SET) {
-        /* Nothing here can be written. */
-        response->errorStatus = 17; /* notWritable */
-        response->errorIndex = 1;
-        for (size_t i = 0; i < request->count; ++i) response->vars[i] = request->vars[i];
+}
+
+/* The error-status for one binding of a Set, with the new key decoded into engine->next: 0, or notWritable
+ * (not a KeyChange of this user), wrongType, wrongLength or genErr. */
+static int64_t SetOne(Engine* engine, const UsmVarBind* bind) {
+    enum { GEN_ERR = 5, WRONG_TYPE = 7, WRONG_LENGTH = 8, NOT_WRITABLE = 17 };
+    UsmUser* next = &engine->next;
+    unsigned char oid[USM_MAX_ENTRY_OID];
+    size_t length = UsmUserEntryOid(0, engine->engineId, sizeof engine->engineId, next->name, oid);
+    const size_t column = 10; /* where the column's arc lies in the OID */
+    unsigned char arc = bind->name.length == length ? bind->name.data[column] : 0;
+    int auth = arc == 6 || arc == 7;
+    if ((!auth && arc != 9 && arc != 10) || memcmp(bind->name.data, oid, column) != 0 ||
+        memcmp(bind->name.data + column + 1, oid + column + 1, length - column - 1) != 0) {
+        return NOT_WRITABLE;
     }
+    if (bind->value.tag != BER_OCTETS) return WRONG_TYPE;
+    /* random | delta, each the key's length: the digest's size for the authentication key, what the cipher
+     * reads (with DES's and 3DES's pre-IV) for the privacy key, as snmpd keeps it. */
+    size_t half = bind->value.length / 2;
+    if (bind->value.length % 2 != 0 || half != (auth ? next->keyLength : UsmPrivNeeded(next->priv))) {
+        return WRONG_LENGTH;
+    }
+    unsigned char* key = auth ? next->authKey : next->privKey;
+    return UsmKeyChange(&engine->crypto, next, key, bind->value.data, half, bind->value.data + half, key) ? 0 : GEN_ERR;
+}
+
+/* A Set takes every binding or none: the first refused one is answered with its error and index. */
+static void Set(Engine* engine, const UsmPdu* request, UsmPdu* response) {
+    engine->next = engine->user;
+    response->count = request->count;
+    for (size_t i = 0; i < request->count; ++i) response->vars[i] = request->vars[i];
+    for (size_t i = 0; i < request->count && response->errorStatus == 0; ++i) {
+        response->errorStatus = SetOne(engine, &request->vars[i]);
+        response->errorIndex = response->errorStatus != 0 ? (int64_t)i + 1 : 0;
+    }
+    engine->changed = response->errorStatus == 0 && request->count > 0;
+    if (!engine->changed) UsmUserWipe(&engine->next);
 }
 
 /* Writes the reply message into gOut: a report in clear (or authenticated for notInTimeWindow), or an
@@ -250,7 +286,11 @@ static size_t Handle(Engine* engine, size_t length) {
     response.contextName = request.contextName;
     response.type = PDU_RESPONSE;
     response.requestId = request.requestId;
-    Answer(engine, &request, &response, scratch);
+    if (request.type == PDU_SET) {
+        Set(engine, &request, &response);
+    } else {
+        Answer(engine, &request, &response, scratch);
+    }
     size_t reply = Reply(engine, &in, USM_FLAG_AUTH | USM_FLAG_PRIV, &response);
     if (reply > (size_t)in.maxSize) {
         /* tooBig: the same answer without its bindings. */
@@ -258,6 +298,16 @@ static size_t Handle(Engine* engine, size_t length) {
         response.errorIndex = 0;
         response.count = 0;
         reply = Reply(engine, &in, USM_FLAG_AUTH | USM_FLAG_PRIV, &response);
+    }
+    if (engine->changed) {
+        /* Kept only when the manager hears that they were taken. */
+        if (reply > 0) {
+            engine->user = engine->next;
+            printf("usm_agent: %s's keys changed\n", engine->user.name);
+            fflush(stdout);
+        }
+        UsmUserWipe(&engine->next);
+        engine->changed = 0;
     }
     return reply;
 }
@@ -291,31 +341,22 @@ static int Serve(Engine* engine, int s) {
 }
 
 int main(int argc, char** argv) {
-    const char *port = NULL, *userName = NULL, *auth = NULL, *authFile = NULL, *priv = NULL, *privFile = NULL;
+    UsmOptions options = {0};
+    const char* port = NULL;
     for (int i = 1; i < argc; ++i) {
-        const char** option = strcmp(argv[i], "--port") == 0                 ? &port
-                              : strcmp(argv[i], "--user") == 0               ? &userName
-                              : strcmp(argv[i], "--auth") == 0               ? &auth
-                              : strcmp(argv[i], "--auth-password-file") == 0 ? &authFile
-                              : strcmp(argv[i], "--priv") == 0               ? &priv
-                              : strcmp(argv[i], "--priv-password-file") == 0 ? &privFile
-                                                                             : NULL;
+        const char** option = strcmp(argv[i], "--port") == 0 ? &port : UsmOption(&options, argv[i]);
         if (option == NULL) return Usage("unknown argument");
         if (i + 1 == argc) return Usage("an option lacks its value");
         *option = argv[++i];
     }
-    if (!port || !userName || !auth || !authFile || !priv || !privFile) return Usage("missing arguments");
+    if (!port) return Usage("missing arguments");
     char* end = NULL;
     long portNumber = strtol(port, &end, 10);
     if (*end != '\0' || portNumber < 1 || portNumber > 65535) return Usage("the port must be 1 to 65535");
-    if (strlen(userName) == 0 || strlen(userName) > USM_MAX_USER) return Usage("the user name needs 1 to 32 characters");
 
     static Engine engine;
-    memcpy(engine.user.name, userName, strlen(userName));
-    engine.user.auth = UsmFindAuth(auth);
-    engine.user.priv = UsmFindPriv(priv);
-    if (engine.user.auth == NULL) return Usage("unknown authentication protocol");
-    if (engine.user.priv == NULL) return Usage("unknown privacy protocol");
+    const char* why = UsmUserFromOptions(&engine.user, &options);
+    if (why != NULL) return Usage(why);
     /* RFC 3411 engine ID: no enterprise number of its own (0), format 5 (octets), 8 random octets. */
     static const unsigned char kPrefix[5] = {0x80, 0, 0, 0, 5};
     memcpy(engine.engineId, kPrefix, sizeof kPrefix);
@@ -332,7 +373,7 @@ int main(int argc, char** argv) {
         !UsmRandom(&engine.salt, sizeof engine.salt)) {
         fprintf(stderr, "usm_agent: no random bytes\n");
     } else if (UsmCryptoOpen(&engine.crypto) &&
-               UsmUserFromFiles(&engine.crypto, &engine.user, authFile, privFile) &&
+               UsmUserFromFiles(&engine.crypto, &engine.user, options.authFile, options.privFile) &&
                UsmLocalise(&engine.crypto, &engine.user, engine.engineId, sizeof engine.engineId)) {
         /* Only the localised keys are needed from here on. */
         UsmWipe(engine.user.authKu, sizeof engine.user.authKu);
@@ -355,6 +396,7 @@ int main(int argc, char** argv) {
         }
     }
     UsmUserWipe(&engine.user);
+    UsmUserWipe(&engine.next);
     UsmCryptoClose(&engine.crypto);
     if (s >= 0) close(s);
     if (ok) {

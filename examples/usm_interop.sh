@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # usm_get against Debian's snmpd, its output against snmpget's, for every auth x priv pair; then
-# usm_agent queried by snmpget. Only 127.0.0.1, ports picked at run time, every process started
-# here stopped by its pid on the way out. Exit 77 (skipped) without snmpd and snmpget.
-# usage: usm_interop.sh USM_GET USM_AGENT
+# usm_agent queried by snmpget; both against pysnmp; usm_passwd against snmpd, snmpusm against
+# usm_agent. Only 127.0.0.1, ports picked at run time, every process started here stopped by its
+# pid on the way out. Exit 77 (skipped) without snmpd, snmpget, snmpusm; no pysnmp skips its pairs.
+# usage: usm_interop.sh USM_GET USM_AGENT USM_PASSWD
 set -u
-get=$(realpath $1) agent=$(realpath $2) PATH=$PATH:/usr/sbin
-type snmpd snmpget &>/dev/null || { echo "skipped: no snmpd, snmpget"; exit 77; }
+get=$(realpath $1) agent=$(realpath $2) passwd=$(realpath $3) PATH=$PATH:/usr/sbin
+py="/usr/bin/python3 $(realpath $(dirname $0))/usm_interop_pysnmp.py"
+type snmpd snmpget snmpusm &>/dev/null || { echo "skipped: no snmpd, snmpget, snmpusm"; exit 77; }
 dir=$(mktemp -d) daemon= failures=0
 cd $dir
+mkdir -p client/cert_indexes kc
 # 0 when the daemon exits cleanly on SIGTERM.
 stop() { kill $daemon; wait $daemon; local s=$?; daemon=; return $s; } 2>/dev/null
 trap '[ -z "$daemon" ] || stop; rm -rf $dir' EXIT
@@ -15,7 +18,9 @@ trap '[ -z "$daemon" ] || stop; rm -rf $dir' EXIT
 export SNMPCONFPATH=$dir SNMP_PERSISTENT_DIR=$dir/client HOME=$dir
 echo maplesyrup >pw
 echo maplesyrop >wrong
+echo pancakes42 >new
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+ok() { [ $? = 0 ] && echo "ok: $*" || fail "$*"; } # by the status of the command before
 
 # Every pair. MD5, SHA-1 and SHA-224 keys are too short for AES-256 (MD5 and SHA-1 for AES-192 too)
 # and are lengthened, AES-192/AES-256 one way and AES-192-C/AES-256-C another; longer keys are cut.
@@ -29,28 +34,28 @@ uget() { $get --user $1 --auth $2 --priv $3 --auth-password-file $4 --priv-passw
 refused() { # what message command...: exit 1 with the message and no value
   local out
   out=$("${@:3}" 2>&1)
-  [ $? = 1 ] && [[ $out == *"$2"* && $out != *" = "* ]] || fail "$1: [$out]"
+  [ $? = 1 ] && [[ $out == *"$2"* && $out != *" = "* ]] && echo "ok: $1" || fail "$1: [$out]"
 }
 
-# Runs the function $1 (which execs a daemon on $port for auth $3 and priv $4) until the daemon has
-# bound 127.0.0.1:$port and answers snmpget as user $2 (asked only then: a request to a port nobody
-# has bound waits out its timeout). A daemon whose port was taken exits; another port is tried.
+# Runs "$@" (a function that execs a daemon on $port) until the daemon has bound 127.0.0.1:$port (a
+# request sent before would wait out its timeout). A daemon whose port was taken exits; another
+# port is tried.
 start() {
   local bound
   for _ in {1..5}; do
     port=$((20000 + RANDOM % 40000))
     bound=$(printf '0100007F:%04X ' $port)
     grep -q "$bound" /proc/net/udp && continue
-    $1 $3 $4 >log 2>&1 &
+    "$@" >log 2>&1 &
     daemon=$!
     for _ in {1..200}; do
       kill -0 $daemon 2>/dev/null && ! grep -q "$bound" /proc/net/udp || break
       sleep 0.1
     done
-    kill -0 $daemon 2>/dev/null && sget $2 $3 $4 pw pw $s.1.0 >/dev/null 2>&1 && return
+    kill -0 $daemon 2>/dev/null && return
     stop
   done
-  fail "no $1 $3 $4: $(<log)"
+  fail "no $*: $(<log)"
   return 1
 }
 
@@ -64,7 +69,7 @@ for i in "${!pairs[@]}"; do
 done >users
 snmpd_() { exec snmpd -f -Lo -C -c users --persistentDir=snmpd udp:127.0.0.1:$port; }
 oids=($s.1.0 $s.2.0 1.3.6.1.6.3.10.2.1.1.0 1.3.6.1.6.3.10.2.1.2.0 $s.99.0)
-if start snmpd_ u1 MD5 AES; then
+if start snmpd_; then
   for i in "${!pairs[@]}"; do
     set -- ${pairs[i]/\// }
     for x in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo ${2//-/}); do
@@ -86,7 +91,7 @@ descr=".$s.1.0 = STRING: \"libwexcryptcpp example agent\""
 agent_() { exec $agent --port $port --user alice --auth $1 --priv $2 --auth-password-file pw --priv-password-file pw; }
 for pair in "${pairs[@]}"; do
   set -- ${pair/\// }
-  start agent_ alice $1 $2 || continue
+  start agent_ $1 $2 || continue
   out=$(sget alice $1 $2 pw pw $s.1.0 $s.3.0 2>&1)
   [[ ${out%%$'\n'*} = "$descr" && ${out#*$'\n'} =~ $uptime ]] || fail "agent $pair: [$out]"
   refused "agent $pair wrong auth" "Authentication failure" sget alice $1 $2 wrong pw $s.1.0
@@ -96,7 +101,7 @@ done
 # The last agent again: a wrong priv password, an unknown user, usm_get, and a request stamped
 # 100000 s off the agent's clock, which it must refuse with an authenticated notInTimeWindows
 # report (snmpget then takes the agent's time from it and asks again); then its usmStats counts.
-if start agent_ alice $1 $2; then
+if start agent_ $1 $2; then
   refused "agent wrong priv" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
   refused "agent unknown user" "Unknown user name" sget bob $1 $2 pw pw $s.1.0
   [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = "$descr" ] || fail "usm_get to agent"
@@ -108,5 +113,58 @@ if start agent_ alice $1 $2; then
   stop || fail "agent SIGTERM"
   grep -q "reports sent:.*notInTimeWindows 1 unknownUserNames 1" log || fail "counts on exit"
 fi
+
+# ---- pysnmp: usm_get against its agent, its manager against usm_agent. Net-SNMP has no 3DES; MD5
+# keys are lengthened for AES-192/256, Blumenthal's way or Reeder's (-C).
+if /usr/bin/python3 -c 'import pysnmp' 2>/dev/null; then
+  pyagent() { exec $py agent $port alice $1 $2 maplesyrup; }
+  for pair in {MD5,SHA-224,SHA-512}/3DES MD5/{AES-192,AES-256,AES-192-C,AES-256-C}; do
+    set -- ${pair/\// }
+    start pyagent $1 $2 && { [[ $(uget alice $1 $2 pw pw $s.1.0 2>&1) = ".$s.1.0 = STRING: \"PySNMP engine"* ]]
+      ok "usm_get to pysnmp's agent, $pair"; stop; }
+    start agent_ $1 $2 && { [[ $($py get $port alice $1 $2 maplesyrup $s.1.0 2>&1) = *"= libwexcryptcpp example agent" ]]
+      ok "pysnmp's manager to usm_agent, $pair"; stop; }
+  done
+else
+  echo "skipped the pysnmp pairs: no python3-pysnmp4"
+fi
+
+# ---- usm_passwd against snmpd, which changes the keys only of users it read back from its own
+# file: u0 changes both passwords at once, u1 one after the other.
+printf 'rwuser u%s authpriv\n' 0 1 >snmpd.conf
+printf 'createUser u0 SHA maplesyrup AES maplesyrup\ncreateUser u1 SHA-256 maplesyrup AES-256-C maplesyrup\n' >kc/snmpd.conf
+kc_() { SNMPCONFPATH=$dir:$dir/kc SNMP_PERSISTENT_DIR=$dir/kc exec snmpd -f -Lo udp:127.0.0.1:$port; }
+upw() { $passwd --user $1 --auth $2 --priv $3 --auth-password-file $4 --priv-password-file $5 "${@:6}" 127.0.0.1:$port; }
+if start kc_ && { stop; start kc_; }; then
+  upw u0 SHA AES pw pw --new-auth-password-file new --new-priv-password-file new &&
+    upw u1 SHA-256 AES-256-C pw pw --new-auth-password-file new && upw u1 SHA-256 AES-256-C new pw --new-priv-password-file new
+  ok "usm_passwd to snmpd"
+  for user in u0/SHA/AES u1/SHA-256/AES-256-C; do
+    set -- ${user//\// }
+    [[ $(sget $1 $2 $3 new new $s.5.0 2>&1) = ".$s.5.0 = STRING: "* ]]; ok "snmpd $2 $3, new passwords"
+    refused "snmpd $2 $3, old passwords" "Authentication failure" sget $1 $2 $3 pw pw $s.5.0
+  done
+  stop
+fi
+
+# ---- snmpusm passwd against usm_agent (usmUser*KeyChange when the user is named, usmUserOwn* else);
+# then a Set it cannot do, and a KeyChange of the wrong length.
+for pair in MD5/DES SHA/AES SHA-512/AES-256; do
+  set -- ${pair/\// }
+  start agent_ $1 $2 || continue
+  snmpusm -m '' -v3 -l authPriv -u alice -a $1 -x $2 -A maplesyrup -X maplesyrup 127.0.0.1:$port passwd maplesyrup \
+    pancakes42 $([ $1 = SHA ] && echo alice) >/dev/null && [ "$(sget alice $1 $2 new new $s.1.0 2>&1)" = "$descr" ]
+  ok "snmpusm passwd to usm_agent, $pair"
+  refused "usm_agent $pair, old passwords" "Authentication failure" sget alice $1 $2 pw pw $s.1.0
+  # usmUserOwnAuthKeyChange's index: the engine ID's length and octets, then "alice"'s
+  idx=$(eval echo .13$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' log | sed 's/../.$((16#&))/g').5.97.108.105.99.101)
+  for want in "notWritable $s.1.0 s x" "wrongLength 1.3.6.1.6.3.15.1.2.2.1.7$idx x 00"; do
+    set -- $1 $2 $want
+    [[ $(snmpset -m '' -v3 -l authPriv -u alice -a $1 -x $2 -A pancakes42 -X pancakes42 127.0.0.1:$port "${@:4}" 2>&1) = \
+      *"Reason: $3"* ]]; ok "usm_agent $pair, Set: $3"
+  done
+  stop
+done
 echo "$failures failure(s)"
 [ $failures = 0 ]
+

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -12,11 +13,12 @@ static const UsmAuthProtocol kAuth[] = {
     {"SHA-256", "SHA256", 24},  {"SHA-384", "SHA384", 32},  {"SHA-512", "SHA512", 48},
 };
 
-/* AES-192 and AES-256 need more key than a localised MD5, SHA-1 or SHA-224 key holds. The plain names
- * lengthen it as draft-blumenthal-aes-usm-04 does, the -C names as draft-reeder-snmpv3-usm-3desede-00
- * does; the two give different keys, so the name must match the peer's. */
+/* AES-192, AES-256 and 3DES need more key than a localised MD5, SHA-1 or SHA-224 key holds. The plain
+ * AES names lengthen it as draft-blumenthal-aes-usm-04 does, the -C names and 3DES as
+ * draft-reeder-snmpv3-usm-3desede-00 does; the two give different keys, so the name must match the peer's. */
 static const UsmPrivProtocol kPriv[] = {
     {"DES", "DES-CBC", 8, 1, 0},
+    {"3DES", "DES-EDE3-CBC", 24, 1, ZULVKL_KEY_EXTENSION_REEDER},
     {"AES", "AES-128-CFB", 16, 0, 0},
     {"AES-192", "AES-192-CFB", 24, 0, ZULVKL_KEY_EXTENSION_BLUMENTHAL},
     {"AES-256", "AES-256-CFB", 32, 0, ZULVKL_KEY_EXTENSION_BLUMENTHAL},
@@ -46,8 +48,33 @@ const UsmPrivProtocol* UsmFindPriv(const char* name) {
     return NULL;
 }
 
+const char** UsmOption(UsmOptions* options, const char* name) {
+    return strcmp(name, "--user") == 0                 ? &options->user
+           : strcmp(name, "--auth") == 0               ? &options->auth
+           : strcmp(name, "--auth-password-file") == 0 ? &options->authFile
+           : strcmp(name, "--priv") == 0               ? &options->priv
+           : strcmp(name, "--priv-password-file") == 0 ? &options->privFile
+                                                       : NULL;
+}
+
+const char* UsmUserFromOptions(UsmUser* user, const UsmOptions* options) {
+    if (!options->user || !options->auth || !options->authFile || !options->priv || !options->privFile) {
+        return "missing arguments";
+    }
+    size_t length = strlen(options->user);
+    if (length == 0 || length > sizeof user->name - 1) return "the user name needs 1 to 32 characters";
+    memcpy(user->name, options->user, length + 1);
+    user->auth = UsmFindAuth(options->auth);
+    user->priv = UsmFindPriv(options->priv);
+    return user->auth == NULL ? "unknown authentication protocol"
+           : user->priv == NULL ? "unknown privacy protocol"
+                                : NULL;
+}
+
 const char* UsmAuthNames(void) { return "MD5, SHA, SHA-224, SHA-256, SHA-384, SHA-512"; }
-const char* UsmPrivNames(void) { return "DES, AES, AES-192, AES-256, AES-192-C, AES-256-C"; }
+const char* UsmPrivNames(void) { return "DES, 3DES, AES, AES-192, AES-256, AES-192-C, AES-256-C"; }
+
+size_t UsmPrivNeeded(const UsmPrivProtocol* priv) { return priv->keyLength + (priv->des ? 8 : 0); }
 
 void UsmWipe(void* data, size_t length) {
     volatile unsigned char* p = (volatile unsigned char*)data;
@@ -162,9 +189,7 @@ int UsmUserFromFiles(UsmCrypto* crypto, UsmUser* user, const char* authFile, con
         return 0;
     }
     user->keyLength = (size_t)length;
-    /* DES takes its pre-IV from the bytes after its key; the AES rows lengthen a short key. */
-    size_t needed = user->priv->des ? 16 : user->priv->keyLength;
-    if (needed > user->keyLength && user->priv->extension == 0) {
+    if (UsmPrivNeeded(user->priv) > user->keyLength && user->priv->extension == 0) {
         fprintf(stderr, "%s with %s needs a longer key than %s gives\n", user->priv->name, user->auth->name,
                 user->auth->name);
         return 0;
@@ -185,16 +210,17 @@ int UsmLocalise(UsmCrypto* crypto, UsmUser* user, const unsigned char* engineId,
         UsmWipe(user->privKey, sizeof user->privKey);
         return Fail(crypto, "key localisation");
     }
-    if (user->priv->extension == 0) return 1;
-    /* Made apart from the localised key it is read from, then put in its place; what the localised key
-     * held beyond the cipher's key is not needed again. */
+    /* A localised key long enough is used as it is: the cipher reads its start. */
+    size_t needed = UsmPrivNeeded(user->priv);
+    if (needed <= user->keyLength) return 1;
+    /* Made apart from the localised key it is read from, then put in its place. */
     unsigned char extended[USM_MAX_KEY];
     ZulVklConstBuffer localised = {user->privKey, (uint32_t)user->keyLength};
-    ZulVklBuffer out = {extended, user->priv->keyLength};
+    ZulVklBuffer out = {extended, (uint32_t)needed};
     int ok = ZulVklMdExtendKey(crypto->ctx, crypto->md, digest, user->priv->extension, &engine, &localised, &out,
                                crypto->status) == 1;
     UsmWipe(user->privKey, sizeof user->privKey);
-    if (ok) memcpy(user->privKey, extended, user->priv->keyLength);
+    if (ok) memcpy(user->privKey, extended, needed);
     UsmWipe(extended, sizeof extended);
     if (!ok) {
         UsmWipe(user->authKey, sizeof user->authKey);
@@ -248,12 +274,12 @@ int UsmVerify(UsmCrypto* crypto, const UsmUser* user, unsigned char* message, si
     return ok && difference == 0;
 }
 
-/* The IV of one message: pre-IV XOR salt for DES (RFC 3414 8.1.1.1), boots, time and salt for AES
- * (RFC 3826 3.1.2.1). */
+/* The IV of one message: pre-IV (the key's next 8 bytes) XOR salt for DES (RFC 3414 8.1.1.1) and 3DES,
+ * boots, time and salt for AES (RFC 3826 3.1.2.1). */
 static void Iv(const UsmUser* user, uint32_t boots, uint32_t time, const unsigned char* salt,
                      unsigned char iv[16]) {
     if (user->priv->des) {
-        for (int i = 0; i < 8; ++i) iv[i] = (unsigned char)(user->privKey[8 + i] ^ salt[i]);
+        for (int i = 0; i < 8; ++i) iv[i] = (unsigned char)(user->privKey[user->priv->keyLength + i] ^ salt[i]);
         return;
     }
     for (int i = 0; i < 4; ++i) {
@@ -307,4 +333,45 @@ int UsmDecrypt(UsmCrypto* crypto, const UsmUser* user, uint32_t boots, uint32_t 
     if (!ok) return Fail(crypto, "decryption");
     *outLength = body.length + tail.length;
     return 1;
+}
+
+int UsmKeyChange(UsmCrypto* crypto, const UsmUser* user, const unsigned char* oldKey, const unsigned char* random,
+                 size_t length, const unsigned char* in, unsigned char* out) {
+    unsigned char block[USM_MAX_KEY];
+    ZulVklConstBuffer previous = {oldKey, (uint32_t)length}, salt = {random, (uint32_t)length};
+    int ok = 1;
+    /* RFC 3414 5: digest(old key | random), then digest(previous digest | random), until the key is covered. */
+    for (size_t at = 0; ok && at < length;) {
+        ZulVklBuffer digest = {NULL, 0};
+        ok = ZulVklMdKeyChangeDigest(crypto->ctx, crypto->md, user->auth->digest, &previous, &salt, &digest,
+                                     crypto->status) == 1 && digest.length <= sizeof block;
+        if (digest.data != NULL) {
+            if (ok) memcpy(block, digest.data, digest.length);
+            UsmWipe(digest.data, digest.length);
+            free(digest.data);
+        }
+        for (size_t i = 0; ok && i < digest.length && at < length; ++i, ++at) out[at] = in[at] ^ block[i];
+        previous = (ZulVklConstBuffer){block, digest.length};
+    }
+    UsmWipe(block, sizeof block);
+    return ok || Fail(crypto, "key change");
+}
+
+size_t UsmUserEntryOid(unsigned char column, const unsigned char* engineId, size_t engineIdLength, const char* user,
+                       unsigned char* oid) {
+    static const unsigned char kUsmUserEntry[] = {0x2b, 6, 1, 6, 3, 15, 1, 2, 2, 1};
+    size_t at = sizeof kUsmUserEntry;
+    memcpy(oid, kUsmUserEntry, at);
+    oid[at++] = column;
+    /* Indexed by the engine ID and the name, each its length and then one arc per octet (two bytes above 127). */
+    const unsigned char* parts[2] = {engineId, (const unsigned char*)user};
+    size_t lengths[2] = {engineIdLength, strlen(user)};
+    for (int p = 0; p < 2; ++p) {
+        oid[at++] = (unsigned char)lengths[p];
+        for (size_t i = 0; i < lengths[p]; ++i) {
+            if (parts[p][i] > 0x7f) oid[at++] = (unsigned char)(0x80 | (parts[p][i] >> 7));
+            oid[at++] = parts[p][i] & 0x7f;
+        }
+    }
+    return at;
 }
