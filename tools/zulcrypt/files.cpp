@@ -76,8 +76,9 @@ void GuardTemporary(const char* path) {
     g_hasTemp = 0;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     // A name too long to keep is left behind, as before this guard.
-    const bool kept = path != nullptr && std::strlen(path) < sizeof g_temp;
-    if (kept) std::strcpy(g_temp, path);
+    const size_t length = path != nullptr ? std::strlen(path) : sizeof g_temp;
+    const bool kept = length < sizeof g_temp;
+    if (kept) std::memcpy(g_temp, path, length + 1);
     std::atomic_signal_fence(std::memory_order_seq_cst);
     g_hasTemp = kept;
     Install();
