@@ -156,7 +156,7 @@ void CheckMessage(const std::string& out, const Protocol& p) {
     ASSERT_EQ(EVP_DecryptInit_ex2(ctx.get(), p.cipher, privKey.data(), iv.data(), nullptr), 1);
     ASSERT_EQ(EVP_DecryptUpdate(ctx.get(), opened.data(), &n, encrypted.data(), int(encrypted.size())), 1);
     ASSERT_EQ(EVP_DecryptFinal_ex(ctx.get(), opened.data() + n, &last), 1);
-    opened.resize(size_t(n + last));
+    opened.resize(size_t(n) + size_t(last));
     EXPECT_EQ(Hex(opened), value("scopedPDU"));
     EXPECT_EQ(value("decryptedPDU"), value("scopedPDU"));
     // The scoped PDU names the engine and carries a GetRequest.

@@ -85,7 +85,8 @@ bool CipherKat(VKL_t* vkl, const char* name, const char* key, const char* iv, co
     return ctx && EVP_EncryptInit_ex2(ctx.get(), cipher->cipher.get(), k, v, nullptr) == 1 &&
            EVP_CIPHER_CTX_set_padding(ctx.get(), 0) == 1 &&
            EVP_EncryptUpdate(ctx.get(), out, &n, p, static_cast<int>(pLength)) == 1 &&
-           EVP_EncryptFinal_ex(ctx.get(), out + n, &tail) == 1 && Hex(out, static_cast<size_t>(n + tail)) == expected;
+           EVP_EncryptFinal_ex(ctx.get(), out + n, &tail) == 1 &&
+           Hex(out, static_cast<size_t>(n) + static_cast<size_t>(tail)) == expected;
 }
 
 // A known-answer test by name; the test-control interface can make it fail
