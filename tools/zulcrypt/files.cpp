@@ -29,10 +29,11 @@ struct sigaction g_previous[kCount];
 bool g_handling[kCount] = {};
 
 void OnSignal(int signal) {
+    // Nothing is left to do if one fails.
     if (g_hasTerminal != 0) tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_terminal);
     if (g_hasTemp != 0) unlink(g_temp);
-    std::signal(signal, SIG_DFL);
-    std::raise(signal);
+    static_cast<void>(std::signal(signal, SIG_DFL));
+    static_cast<void>(std::raise(signal));
 }
 
 // Handlers only while there is something to undo, the caller's back after. A

@@ -23,7 +23,7 @@ namespace {
 void Fill(VKL_STATUS_t* status, int major, int minor, const std::string& description) {
     status->major = major;
     status->minor = minor;
-    std::snprintf(status->description, sizeof status->description, "%s", description.c_str());
+    static_cast<void>(std::snprintf(status->description, sizeof status->description, "%s", description.c_str()));
 }
 
 std::string Hex(const unsigned char* data, size_t length) {
