@@ -270,7 +270,7 @@ static int Serve(Engine* engine, int s) {
     sigaddset(&blocked, SIGTERM);
     sigaddset(&blocked, SIGINT);
     /* The signals get through only while waiting, so none is lost between the check and the wait. */
-    sigprocmask(SIG_BLOCK, &blocked, &open);
+    pthread_sigmask(SIG_BLOCK, &blocked, &open);
     sigdelset(&open, SIGTERM);
     sigdelset(&open, SIGINT);
     while (!gStop) {

@@ -171,7 +171,7 @@ void CZulCryptContext::HandleError(const char* file, unsigned int line, const ch
     } else {
         std::cerr << "FILE:" << Printable(file) << " LINE:" << line << " DESC:" << Printable(text) << std::endl;
     }
-    if (fatal) std::exit(-1);
+    if (fatal) std::exit(-1);  // NOLINT(concurrency-mt-unsafe): a fatal error ends the process, threads and all
 }
 
 void CZulCryptContext::PrintData(const unsigned char* data, unsigned int length) {

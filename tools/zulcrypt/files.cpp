@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <istream>
+#include <system_error>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -59,7 +60,7 @@ void Install() {
 }
 
 std::string Why(const char* what, const std::string& path, int error) {
-    return std::string(what) + " " + path + ": " + std::strerror(error);
+    return std::string(what) + " " + path + ": " + std::generic_category().message(error);
 }
 
 }  // namespace

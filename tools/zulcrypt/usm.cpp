@@ -4,11 +4,11 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <system_error>
 
 #include <sys/random.h>
 
@@ -301,7 +301,7 @@ int KeyChange(KeyChangeOptions& o, Streams& io) {
     } else {
         random.assign(newKey.size(), 0);
         if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
-            return Failed(io, kName, "drawing the random value", std::strerror(errno));
+            return Failed(io, kName, "drawing the random value", std::generic_category().message(errno).c_str());
         }
     }
     const char* digest = o.digest.c_str();

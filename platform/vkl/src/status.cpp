@@ -180,8 +180,10 @@ int VKL_GenerateRandomSeed(VKL_t* vkl, VKL_STATUS_t* status, int length, unsigne
         ssize_t got = getrandom(out + filled, static_cast<size_t>(length) - filled, 0);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) {
+            // Threads may fail here together: strerror's text could be overwritten, not strerror_r's.
+            char text[128];
             vkl::Fill(status, VKL_MAJOR_OS_ERROR, VKL_MINOR_UNABLE_TO_SET_VALUE,
-                      std::string("getrandom: ") + std::strerror(errno));
+                      std::string("getrandom: ") + strerror_r(errno, text, sizeof text));
             OPENSSL_cleanse(out, filled);
             return 0;
         }
