@@ -198,7 +198,7 @@ struct SecretBytes {
     SecretBytes(const SecretBytes&) = delete;
     SecretBytes& operator=(const SecretBytes&) = delete;
     ~SecretBytes() { zul::Cleanse(data, N); }
-    unsigned char data[N];
+    unsigned char data[N]{};
 };
 
 // VKL writes the digest's real length whatever size it answered before: finished into room

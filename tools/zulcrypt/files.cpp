@@ -133,7 +133,7 @@ bool Output::Open(const std::string& path, std::string& why) {
     // A symlink to nothing yet: its target is made, then replaced as a file.
     const bool dangling =
         fd < 0 && errno == ENOENT && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);
+    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);  // cppcheck-suppress resourceLeak ; fd < 0 here
     if (fd < 0 && (dangling || errno != ENOENT)) {
         why = Why("cannot write", path, errno);
         return false;
