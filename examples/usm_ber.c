@@ -73,7 +73,7 @@ void BerClose(BerWriter* w, size_t mark) {
 }
 
 size_t BerOidFromText(const char* text, unsigned char* out, size_t capacity) {
-    unsigned long arcs[128];
+    unsigned long arcs[128] = {0};
     size_t count = 0, used = 0;
     const char* p = text;
     if (*p == '.') ++p;

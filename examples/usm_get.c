@@ -60,7 +60,7 @@ static void PrintVarBind(const UsmVarBind* bind) {
     int64_t number = 0;
     uint64_t count = 0;
     int ok = 1;
-    if (!BerOidText(&bind->name, name, sizeof name)) snprintf(name, sizeof name, "(bad OID)");
+    if (!BerOidText(&bind->name, name, sizeof name)) (void)snprintf(name, sizeof name, "(bad OID)");
     printf("%s = ", name);
     switch (v->tag) {
     case BER_OCTETS: PrintString(v); break;

@@ -134,6 +134,7 @@ void UsmCryptoClose(UsmCrypto* crypto) {
 static int ReadPassword(const char* path, char* out, size_t capacity) {
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
+        /* NOLINTNEXTLINE(concurrency-mt-unsafe): one thread, so strerror's buffer is ours */
         fprintf(stderr, "cannot read the password file %s: %s\n", path, strerror(errno));
         return -1;
     }
@@ -143,6 +144,7 @@ static int ReadPassword(const char* path, char* out, size_t capacity) {
         ssize_t got = read(fd, out + used, capacity - 1 - used);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) {
+            /* NOLINTNEXTLINE(concurrency-mt-unsafe): one thread, so strerror's buffer is ours */
             fprintf(stderr, "cannot read the password file %s: %s\n", path, strerror(errno));
             close(fd);
             return -1;

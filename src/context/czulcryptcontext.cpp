@@ -1,6 +1,5 @@
 #include <czulcryptcontext.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iomanip>
@@ -44,12 +43,6 @@ const char* MinorText(int32_t code) {
         case 14: return "MINOR: UNABLE TO SET VALUE";
         default: return nullptr;  // 9 and 13 are unassigned
     }
-}
-
-std::string Decimal(int32_t code) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%d", code);
-    return text;
 }
 
 // A null string written to a stream sets its failbit, which silences every later
@@ -178,7 +171,7 @@ void CZulCryptContext::HandleError(const char* file, unsigned int line, const ch
     } else {
         std::cerr << "FILE:" << Printable(file) << " LINE:" << line << " DESC:" << Printable(text) << std::endl;
     }
-    if (fatal) std::exit(-1);
+    if (fatal) std::exit(-1);  // NOLINT(concurrency-mt-unsafe): a fatal error ends the process, threads and all
 }
 
 void CZulCryptContext::PrintData(const unsigned char* data, unsigned int length) {
@@ -218,13 +211,13 @@ bool CZulCryptContext::GetStatus(C_VKL_STATUS_Wrap* status, std::string& text) {
         text += major;
     } else {
         ZUL_REPORT("Unsupported major VKL status error type.");
-        text += "MAJOR: UNKNOWN " + Decimal(status->major) + ", ";
+        text += "MAJOR: UNKNOWN " + std::to_string(status->major) + ", ";
     }
     if (const char* minor = MinorText(status->minor)) {
         text += minor;
     } else {
         ZUL_REPORT("Unsupported minor VKL status error type.");
-        text += "MINOR: UNKNOWN " + Decimal(status->minor);
+        text += "MINOR: UNKNOWN " + std::to_string(status->minor);
     }
     text += ", DESC:";
     // VKL terminates the description; the bound only guards a record it did not.

@@ -65,7 +65,7 @@ size_t Room(const ZulVklStatusWrap& status) {
 
 // vsnprintf: cutting at the end of the area is intended here, and snprintf with the
 // area's size in sight draws truncation warnings.
-int FormatInto(char* out, size_t room, const char* format, ...) {
+int FormatInto(char* out, size_t room, const char* format, ...) {  // NOLINT(cert-dcl50-cpp): for vsnprintf, as above
     va_list args;
     va_start(args, format);
     const int needed = std::vsnprintf(out, room, format, args);
@@ -198,7 +198,7 @@ struct SecretBytes {
     SecretBytes(const SecretBytes&) = delete;
     SecretBytes& operator=(const SecretBytes&) = delete;
     ~SecretBytes() { zul::Cleanse(data, N); }
-    unsigned char data[N];
+    unsigned char data[N]{};
 };
 
 // VKL writes the digest's real length whatever size it answered before: finished into room

@@ -20,7 +20,7 @@
 namespace zulcrypt {
 namespace {
 
-constexpr size_t kPiece = 64 * 1024;
+constexpr size_t kPiece = size_t{64} * 1024;
 
 // Parts of the names of modes whose ciphertext is worthless without its
 // authentication tag: this command writes no tag and could not check one.

@@ -33,13 +33,6 @@ void WipeResults(const CLI::App& app) {
     for (const CLI::App* sub : app.get_subcommands({})) WipeResults(*sub);
 }
 
-// By the names operators use (upper case), with the VKL name of each.
-const std::map<std::string, std::string> kAuthDigests = {
-    {"MD5", "MD5"},       {"SHA1", "SHA1"},     {"SHA", "SHA1"},      {"SHA-1", "SHA1"},
-    {"SHA224", "SHA224"}, {"SHA-224", "SHA224"}, {"SHA256", "SHA256"}, {"SHA-256", "SHA256"},
-    {"SHA384", "SHA384"}, {"SHA-384", "SHA384"}, {"SHA512", "SHA512"}, {"SHA-512", "SHA512"},
-};
-
 }  // namespace
 
 const char* DigestList(bool snmpOnly) {
@@ -49,7 +42,12 @@ const char* DigestList(bool snmpOnly) {
 }
 
 CLI::Validator DigestChoice(bool snmpOnly) {
-    std::map<std::string, std::string> names = kAuthDigests;
+    // By the names operators use (upper case), with the VKL name of each.
+    std::map<std::string, std::string> names = {
+        {"MD5", "MD5"},       {"SHA1", "SHA1"},     {"SHA", "SHA1"},      {"SHA-1", "SHA1"},
+        {"SHA224", "SHA224"}, {"SHA-224", "SHA224"}, {"SHA256", "SHA256"}, {"SHA-256", "SHA256"},
+        {"SHA384", "SHA384"}, {"SHA-384", "SHA384"}, {"SHA512", "SHA512"}, {"SHA-512", "SHA512"},
+    };
     if (!snmpOnly) {
         for (const char* name : {"SHA3-224", "SHA3-256", "SHA3-384", "SHA3-512"}) names[name] = name;
     }

@@ -16,7 +16,7 @@
 namespace zulcrypt {
 namespace {
 
-constexpr size_t kChunk = 64 * 1024;
+constexpr size_t kChunk = size_t{64} * 1024;
 
 int Failed(const ErrorCapture& capture, const char* what, Streams& io) {
     io.err << "zulcrypt: " << what << " failed\n";

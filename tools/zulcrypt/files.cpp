@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <istream>
+#include <system_error>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,10 +30,11 @@ struct sigaction g_previous[kCount];
 bool g_handling[kCount] = {};
 
 void OnSignal(int signal) {
+    // Nothing is left to do if one fails.
     if (g_hasTerminal != 0) tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_terminal);
     if (g_hasTemp != 0) unlink(g_temp);
-    std::signal(signal, SIG_DFL);
-    std::raise(signal);
+    static_cast<void>(std::signal(signal, SIG_DFL));
+    static_cast<void>(std::raise(signal));
 }
 
 // Handlers only while there is something to undo, the caller's back after. A
@@ -58,7 +60,7 @@ void Install() {
 }
 
 std::string Why(const char* what, const std::string& path, int error) {
-    return std::string(what) + " " + path + ": " + std::strerror(error);
+    return std::string(what) + " " + path + ": " + std::generic_category().message(error);
 }
 
 }  // namespace
@@ -76,8 +78,9 @@ void GuardTemporary(const char* path) {
     g_hasTemp = 0;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     // A name too long to keep is left behind, as before this guard.
-    const bool kept = path != nullptr && std::strlen(path) < sizeof g_temp;
-    if (kept) std::strcpy(g_temp, path);
+    const size_t length = path != nullptr ? std::strlen(path) : sizeof g_temp;
+    const bool kept = length < sizeof g_temp;
+    if (kept) std::memcpy(g_temp, path, length + 1);
     std::atomic_signal_fence(std::memory_order_seq_cst);
     g_hasTemp = kept;
     Install();
@@ -130,7 +133,7 @@ bool Output::Open(const std::string& path, std::string& why) {
     // A symlink to nothing yet: its target is made, then replaced as a file.
     const bool dangling =
         fd < 0 && errno == ENOENT && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);
+    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);  // cppcheck-suppress resourceLeak ; fd < 0 here
     if (fd < 0 && (dangling || errno != ENOENT)) {
         why = Why("cannot write", path, errno);
         return false;

@@ -1,9 +1,9 @@
 #include "password.h"
 
 #include <cerrno>
-#include <cstring>
 #include <istream>
 #include <ostream>
+#include <system_error>
 
 #include <fcntl.h>
 #include <termios.h>
@@ -27,7 +27,7 @@ bool ReadLine(Next next, const std::string& source, int& error, Bytes& line, std
     };
     for (int c = next(); c != -1 && c != '\n'; c = next()) {
         if (c == -2) {
-            why = "cannot read " + source + ": " + std::strerror(error);
+            why = "cannot read " + source + ": " + std::generic_category().message(error);
             return false;
         }
         if (line.size() > kMaxPasswordLine) return tooLong();
@@ -71,7 +71,7 @@ bool ReadTerminal(Streams& io, Bytes& line, std::string& why) {
     GuardTerminal(&saved);
     const bool quieted = tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) == 0;
     const bool read = quieted && ReadInput(io, line, why);
-    if (!quieted) why = std::string("cannot turn echo off: ") + std::strerror(errno);
+    if (!quieted) why = std::string("cannot turn echo off: ") + std::generic_category().message(errno);
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
     GuardTerminal(nullptr);
     return read;
@@ -83,7 +83,7 @@ bool ReadPasswordFile(const std::string& path, Streams& io, Bytes& password, std
     if (path == "-") return io.terminal ? ReadTerminal(io, password, why) : ReadInput(io, password, why);
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        why = "cannot read " + path + ": " + std::strerror(errno);
+        why = "cannot read " + path + ": " + std::generic_category().message(errno);
         return false;
     }
     const bool read = ReadDescriptor(fd, path, password, why);

@@ -4,11 +4,11 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <system_error>
 
 #include <sys/random.h>
 
@@ -51,9 +51,6 @@ const PrivProtocol kPrivProtocols[] = {
     {"AES-256-C", "AES-256-CFB", 32, 0, KeyExtension::Reeder},
     {"3DES", "DES-EDE3-CBC", 24, 8, KeyExtension::Reeder},
 };
-// Other names operators use for them.
-const std::map<std::string, std::string> kPrivAliases = {
-    {"DES-CBC", "DES"}, {"AES", "AES-128"}, {"AES-128-CFB", "AES-128"}};
 
 const PrivProtocol* FindPriv(const std::string& name) {
     for (const PrivProtocol& protocol : kPrivProtocols) {
@@ -63,7 +60,8 @@ const PrivProtocol* FindPriv(const std::string& name) {
 }
 
 std::map<std::string, std::string> PrivNames() {
-    std::map<std::string, std::string> names = kPrivAliases;
+    // Other names operators use for the protocols.
+    std::map<std::string, std::string> names = {{"DES-CBC", "DES"}, {"AES", "AES-128"}, {"AES-128-CFB", "AES-128"}};
     for (const PrivProtocol& protocol : kPrivProtocols) names[protocol.name] = protocol.name;
     return names;
 }
@@ -303,7 +301,7 @@ int KeyChange(KeyChangeOptions& o, Streams& io) {
     } else {
         random.assign(newKey.size(), 0);
         if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
-            return Failed(io, kName, "drawing the random value", std::strerror(errno));
+            return Failed(io, kName, "drawing the random value", std::generic_category().message(errno).c_str());
         }
     }
     const char* digest = o.digest.c_str();

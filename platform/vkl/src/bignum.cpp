@@ -80,7 +80,7 @@ VKL_BIGNUM_t* VKL_BN_bin2bn(VKL_t*, const unsigned char* in, int length, VKL_BIG
         vkl::QueueErrorIfEmpty(__func__, "cannot set the number");
         return nullptr;
     }
-    made.release();
+    static_cast<void>(made.release());  // ret holds it from here
     return ret;
 }
 

@@ -17,7 +17,7 @@ namespace {
 void SetStatus(VKL_STATUS_t& status, int major, int minor, const std::string& description) {
     status.major = major;
     status.minor = minor;
-    std::snprintf(status.description, sizeof status.description, "%s", description.c_str());
+    static_cast<void>(std::snprintf(status.description, sizeof status.description, "%s", description.c_str()));
 }
 
 // Looks `key` up under the shared lock; on a miss makes the entry without the

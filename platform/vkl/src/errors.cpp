@@ -62,7 +62,7 @@ void VKL_ERR_error_string_n(VKL_t*, unsigned long code, char* buffer, size_t len
     if (code == 0) {
         buffer[0] = '\0';
     } else if (code == vkl::t_taken.code) {
-        std::snprintf(buffer, length, "%s", vkl::t_taken.text.c_str());
+        static_cast<void>(std::snprintf(buffer, length, "%s", vkl::t_taken.text.c_str()));
     } else {
         ERR_error_string_n(code, buffer, length);
     }

@@ -42,7 +42,7 @@ using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Deleter<EVP_PKEY_CTX, EVP_PKEY_
 struct Live {
     Live() noexcept { Count().fetch_add(1, std::memory_order_relaxed); }
     Live(const Live&) noexcept : Live() {}
-    Live& operator=(const Live&) noexcept { return *this; }
+    Live& operator=(const Live&) noexcept { return *this; }  // NOLINT(cert-oop54-cpp): the count stays, self or not
     ~Live() { Count().fetch_sub(1, std::memory_order_relaxed); }
     static std::atomic<long>& Count() {
         static std::atomic<long> count{0};

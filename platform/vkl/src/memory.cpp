@@ -20,9 +20,13 @@ bool g_ours = false;
 void* Allocate(size_t size, const char*, int) { return AllocationFails() ? nullptr : std::malloc(size); }
 
 void* Reallocate(void* block, size_t size, const char*, int) {
-    // A size of 0 frees, as OpenSSL's own does; only a growing block can fail.
-    if (size != 0 && AllocationFails()) return nullptr;
-    return std::realloc(block, size);
+    // A size of 0 frees, as OpenSSL's own does (realloc's answer to 0 is the platform's
+    // choice); only a growing block can fail.
+    if (size == 0) {
+        std::free(block);
+        return nullptr;
+    }
+    return AllocationFails() ? nullptr : std::realloc(block, size);
 }
 
 void Release(void* block, const char*, int) { std::free(block); }

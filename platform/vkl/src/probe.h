@@ -86,7 +86,7 @@ private:
 template <class T>
 T Injected(const Probe& probe) {
     if constexpr (std::is_void_v<T>) {
-        (void)probe;
+        (void)probe;  // cppcheck-suppress missingReturn ; a void T returns nothing
     } else if constexpr (std::is_pointer_v<T>) {
         (void)probe;
         return nullptr;

@@ -23,7 +23,7 @@ namespace {
 void Fill(VKL_STATUS_t* status, int major, int minor, const std::string& description) {
     status->major = major;
     status->minor = minor;
-    std::snprintf(status->description, sizeof status->description, "%s", description.c_str());
+    static_cast<void>(std::snprintf(status->description, sizeof status->description, "%s", description.c_str()));
 }
 
 std::string Hex(const unsigned char* data, size_t length) {
@@ -85,7 +85,8 @@ bool CipherKat(VKL_t* vkl, const char* name, const char* key, const char* iv, co
     return ctx && EVP_EncryptInit_ex2(ctx.get(), cipher->cipher.get(), k, v, nullptr) == 1 &&
            EVP_CIPHER_CTX_set_padding(ctx.get(), 0) == 1 &&
            EVP_EncryptUpdate(ctx.get(), out, &n, p, static_cast<int>(pLength)) == 1 &&
-           EVP_EncryptFinal_ex(ctx.get(), out + n, &tail) == 1 && Hex(out, static_cast<size_t>(n + tail)) == expected;
+           EVP_EncryptFinal_ex(ctx.get(), out + n, &tail) == 1 &&
+           Hex(out, static_cast<size_t>(n) + static_cast<size_t>(tail)) == expected;
 }
 
 // A known-answer test by name; the test-control interface can make it fail
@@ -179,8 +180,10 @@ int VKL_GenerateRandomSeed(VKL_t* vkl, VKL_STATUS_t* status, int length, unsigne
         ssize_t got = getrandom(out + filled, static_cast<size_t>(length) - filled, 0);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) {
+            // Threads may fail here together: strerror's text could be overwritten, not strerror_r's.
+            char text[128];
             vkl::Fill(status, VKL_MAJOR_OS_ERROR, VKL_MINOR_UNABLE_TO_SET_VALUE,
-                      std::string("getrandom: ") + std::strerror(errno));
+                      std::string("getrandom: ") + strerror_r(errno, text, sizeof text));
             OPENSSL_cleanse(out, filled);
             return 0;
         }
