@@ -305,7 +305,7 @@ static size_t Handle(Engine* engine, size_t length) {
         if (reply > 0) {
             engine->user = engine->next;
             printf("usm_agent: %s's keys changed\n", engine->user.name);
-            fflush(stdout);
+            (void)fflush(stdout);
         }
         UsmUserWipe(&engine->next);
         engine->changed = 0;

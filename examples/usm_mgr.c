@@ -52,6 +52,7 @@ static int Connect(const char* address) {
 static size_t Exchange(Agent* agent, const unsigned char* out, size_t length, int64_t msgId, UsmHeader* header) {
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         if (send(agent->socket, out, length, 0) < 0) {
+            /* NOLINTNEXTLINE(concurrency-mt-unsafe): one thread, so strerror's buffer is ours */
             fprintf(stderr, "%s: cannot send to %s: %s\n", agent->program, agent->address, strerror(errno));
             return 0;
         }

@@ -346,7 +346,8 @@ int UsmKeyChange(UsmCrypto* crypto, const UsmUser* user, const unsigned char* ol
     for (size_t at = 0; ok && at < length;) {
         ZulVklBuffer digest = {NULL, 0};
         ok = ZulVklMdKeyChangeDigest(crypto->ctx, crypto->md, user->auth->digest, &previous, &salt, &digest,
-                                     crypto->status) == 1 && digest.length <= sizeof block;
+                                     crypto->status) == 1 && digest.data != NULL && digest.length > 0 &&
+             digest.length <= sizeof block;
         if (digest.data != NULL) {
             if (ok) memcpy(block, digest.data, digest.length);
             UsmWipe(digest.data, digest.length);
