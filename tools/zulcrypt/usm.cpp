@@ -300,8 +300,11 @@ int KeyChange(KeyChangeOptions& o, Streams& io) {
         if (random.size() != newKey.size()) return Usage(io, kName, "the random value must be as long as the keys");
     } else {
         random.assign(newKey.size(), 0);
-        if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
-            return Failed(io, kName, "drawing the random value", std::generic_category().message(errno).c_str());
+        // Up to 256 bytes come whole once the pool is ready; a short count leaves errno unset.
+        const ssize_t got = getrandom(random.data(), random.size(), 0);
+        if (got != static_cast<ssize_t>(random.size())) {
+            const std::string why = got < 0 ? std::generic_category().message(errno) : "short read";
+            return Failed(io, kName, "drawing the random value", why.c_str());
         }
     }
     const char* digest = o.digest.c_str();
