@@ -208,10 +208,11 @@ static size_t Reply(Engine* engine, const UsmHeader* in, unsigned char flags, co
         /* RFC 3414 8.1.1.1 salts DES with the engine boots; RFC 3826 AES with a 64-bit counter. */
         uint64_t salt = engine->user.priv->des ? ((uint64_t)BOOTS << 32) | (uint32_t)engine->salt : engine->salt;
         ++engine->salt;
-        if (!UsmEncrypt(&engine->crypto, &engine->user, BOOTS, (uint32_t)out.time, salt, gPlain, plain.length,
-                        gCipher, &length, privParams)) {
-            return 0;
-        }
+        const int encrypted = UsmEncrypt(&engine->crypto, &engine->user, BOOTS, (uint32_t)out.time, salt, gPlain,
+                                         plain.length, gCipher, &length, privParams);
+        /* It may echo a KeyChange value, from which and the old key the new one follows. */
+        UsmWipe(gPlain, plain.length);
+        if (!encrypted) return 0;
         out.privParams = (BerItem){BER_OCTETS, privParams, sizeof privParams};
         data = gCipher;
     }
@@ -278,6 +279,7 @@ static size_t Handle(Engine* engine, size_t length) {
     }
     if (request.type != PDU_GET && request.type != PDU_GET_NEXT && request.type != PDU_GET_BULK &&
         request.type != PDU_SET) {
+        UsmWipe(gRequest, scopedLength);
         return 0; /* responses, reports and notifications are not for an agent to answer */
     }
     static UsmPdu response;
@@ -294,22 +296,22 @@ static size_t Handle(Engine* engine, size_t length) {
     }
     size_t reply = Reply(engine, &in, USM_FLAG_AUTH | USM_FLAG_PRIV, &response);
     if (reply > (size_t)in.maxSize) {
-        /* tooBig: the same answer without its bindings. */
+        /* tooBig: the same answer without its bindings, and a Set not done (RFC 3416 4.2.5). */
         response.errorStatus = 1;
         response.errorIndex = 0;
         response.count = 0;
+        engine->changed = 0;
         reply = Reply(engine, &in, USM_FLAG_AUTH | USM_FLAG_PRIV, &response);
     }
-    if (engine->changed) {
-        /* Kept only when the manager hears that they were taken. */
-        if (reply > 0) {
-            engine->user = engine->next;
-            printf("usm_agent: %s's keys changed\n", engine->user.name);
-            (void)fflush(stdout);
-        }
-        UsmUserWipe(&engine->next);
-        engine->changed = 0;
+    UsmWipe(gRequest, scopedLength);
+    if (engine->changed && reply > 0) {
+        /* Kept only when an answer saying they were taken could be made. */
+        engine->user = engine->next;
+        printf("usm_agent: %s's keys changed\n", engine->user.name);
+        (void)fflush(stdout);
     }
+    UsmUserWipe(&engine->next);
+    engine->changed = 0;
     return reply;
 }
 

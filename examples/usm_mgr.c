@@ -51,6 +51,7 @@ static int Connect(const char* address) {
 /* Sends the message and waits for one that parses and carries its msgID: its length, or 0. */
 static size_t Exchange(Agent* agent, const unsigned char* out, size_t length, int64_t msgId, UsmHeader* header) {
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        agent->resent = attempt > 0;
         if (send(agent->socket, out, length, 0) < 0) {
             /* NOLINTNEXTLINE(concurrency-mt-unsafe): one thread, so strerror's buffer is ours */
             fprintf(stderr, "%s: cannot send to %s: %s\n", agent->program, agent->address, strerror(errno));
@@ -168,9 +169,10 @@ static int Request(UsmCrypto* crypto, const UsmUser* user, Agent* agent, UsmPdu*
     h.macLength = user->auth->macLength;
     h.privParams = (BerItem){BER_OCTETS, privParams, sizeof privParams};
     BerWriter m = {gOut, 0, sizeof gOut, 0};
-    if (!UsmEncrypt(crypto, user, (uint32_t)h.boots, (uint32_t)h.time, agent->salt++, gPlain, plain.length, gCipher,
-                    &encrypted, privParams) ||
-        !UsmWriteMessage(&m, &h, gCipher, encrypted) || !UsmSign(crypto, user, gOut, m.length, h.macOffset)) {
+    const int sealed = UsmEncrypt(crypto, user, (uint32_t)h.boots, (uint32_t)h.time, agent->salt++, gPlain,
+                                  plain.length, gCipher, &encrypted, privParams);
+    UsmWipe(gPlain, plain.length);
+    if (!sealed || !UsmWriteMessage(&m, &h, gCipher, encrypted) || !UsmSign(crypto, user, gOut, m.length, h.macOffset)) {
         fprintf(stderr, "%s: the request could not be made\n", agent->program);
         return 0;
     }
@@ -271,6 +273,8 @@ int UsmAgentOpen(Agent* agent, const char* program, const char* address) {
 }
 
 void UsmAgentClose(Agent* agent) {
+    /* The last answer, which may echo a KeyChange value. */
+    UsmWipe(gPlain, sizeof gPlain);
     if (agent->socket >= 0) close(agent->socket);
     agent->socket = -1;
 }

@@ -23,6 +23,7 @@ typedef struct Agent {
     int64_t boots;
     int64_t time;           /* the agent's time when it was last heard from */
     struct timespec heard;  /* local clock then */
+    int resent;             /* whether the last request went out again for want of an answer */
 } Agent;
 
 /* Reaches HOST:PORT (port 161 when none is given) and learns the agent's engine ID, boots and time: 1, or 0

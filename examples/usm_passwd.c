@@ -12,7 +12,8 @@
  * Exit status: 0 when the agent took every change (each named on stdout);
  * 1 with a message on stderr when it refused (a Set is all or nothing, so
  * nothing changed) or did not answer (then the old or the new passwords
- * hold); 2 for bad usage.
+ * hold, and it says so, as after a lost answer and a refused resend); 2 for
+ * bad usage.
  */
 #include <stdio.h>
 #include <string.h>
@@ -92,7 +93,11 @@ int main(int argc, char** argv) {
                        oids[pdu.count], values[pdu.count], &pdu.vars[pdu.count]);
         ++pdu.count;
     }
-    ok = ok && UsmRequest(&crypto, &user, &agent, &pdu, &answer);
+    if (ok && !UsmRequest(&crypto, &user, &agent, &pdu, &answer)) {
+        ok = 0;
+        /* A resend under the old keys is refused by an agent that took the first. */
+        if (agent.resent) fprintf(stderr, "usm_passwd: the request went out again: the new passwords may hold\n");
+    }
     if (ok && newAuthFile) printf("usm_passwd: %s's authentication password changed\n", user.name);
     if (ok && newPrivFile) printf("usm_passwd: %s's privacy password changed\n", user.name);
     UsmAgentClose(&agent);
