@@ -14,12 +14,6 @@
 namespace vkl {
 namespace {
 
-void SetStatus(VKL_STATUS_t& status, int major, int minor, const std::string& description) {
-    status.major = major;
-    status.minor = minor;
-    static_cast<void>(std::snprintf(status.description, sizeof status.description, "%s", description.c_str()));
-}
-
 // Looks `key` up under the shared lock; on a miss makes the entry without the
 // lock (a fetch can take long) and keeps whichever entry lands first.
 template <class Map, class Make>
@@ -150,10 +144,10 @@ VKL_t* VKL_CTX_new(void) {
     vkl->defaultProvider.reset(OSSL_PROVIDER_load(vkl->libctx.get(), "default"));
     vkl->legacyProvider.reset(OSSL_PROVIDER_load(vkl->libctx.get(), "legacy"));
     if (!vkl->defaultProvider) {
-        vkl::SetStatus(vkl->status, VKL_MAJOR_OPENSSL_ERROR, VKL_MINOR_LIBRARY_NOT_FOUND,
+        vkl::FillStatus(&vkl->status, VKL_MAJOR_OPENSSL_ERROR, VKL_MINOR_LIBRARY_NOT_FOUND,
                        "OpenSSL default provider not available");
     } else if (!vkl->legacyProvider) {
-        vkl::SetStatus(vkl->status, VKL_MAJOR_WARNING, VKL_MINOR_LIBRARY_NOT_FOUND,
+        vkl::FillStatus(&vkl->status, VKL_MAJOR_WARNING, VKL_MINOR_LIBRARY_NOT_FOUND,
                        "OpenSSL legacy provider not available");
     }
     ERR_clear_error();

@@ -1,5 +1,6 @@
 #include "errors.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include <openssl/err.h>
@@ -24,6 +25,12 @@ struct TakenEntry {
 thread_local TakenEntry t_taken;
 
 }  // namespace
+
+void FillStatus(VKL_STATUS_t* status, int major, int minor, const std::string& description) {
+    status->major = major;
+    status->minor = minor;
+    static_cast<void>(std::snprintf(status->description, sizeof status->description, "%s", description.c_str()));
+}
 
 void QueueError(const std::string& text) {
     ERR_raise_data(ERR_LIB_USER, kOwnReason, "%s", text.c_str());

@@ -5,7 +5,12 @@
 
 #include <string>
 
+#include <vkl.h>
+
 namespace vkl {
+
+// Sets the status record, the description cut to its field.
+void FillStatus(VKL_STATUS_t* status, int major, int minor, const std::string& description);
 
 // Queues an entry whose text is exactly `text`.
 void QueueError(const std::string& text);

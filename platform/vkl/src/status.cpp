@@ -20,12 +20,6 @@
 namespace vkl {
 namespace {
 
-void Fill(VKL_STATUS_t* status, int major, int minor, const std::string& description) {
-    status->major = major;
-    status->minor = minor;
-    static_cast<void>(std::snprintf(status->description, sizeof status->description, "%s", description.c_str()));
-}
-
 std::string Hex(const unsigned char* data, size_t length) {
     static const char digits[] = "0123456789abcdef";
     std::string text;
@@ -140,7 +134,7 @@ int VKL_GetStatus(VKL_t* vkl, VKL_STATUS_t* status) {
     if (status == nullptr) return 0;
     if (vkl::ForcedStatus(__func__, status)) return status->major == 0 && status->minor == 0;
     if (vkl == nullptr) {
-        vkl::Fill(status, VKL_MAJOR_ERROR, VKL_MINOR_NOT_INITIALISED, "no VKL context");
+        vkl::FillStatus(status, VKL_MAJOR_ERROR, VKL_MINOR_NOT_INITIALISED, "no VKL context");
         return 0;
     }
     *status = vkl->status;
@@ -152,18 +146,18 @@ int VKL_SelfTest(VKL_t* vkl, VKL_STATUS_t* status) {
     if (status == nullptr) return 0;
     if (vkl::ForcedStatus(__func__, status)) return status->major == 0 && status->minor == 0;
     if (vkl == nullptr) {
-        vkl::Fill(status, VKL_MAJOR_ERROR, VKL_MINOR_NOT_INITIALISED, "no VKL context");
+        vkl::FillStatus(status, VKL_MAJOR_ERROR, VKL_MINOR_NOT_INITIALISED, "no VKL context");
         return 0;
     }
     ERR_set_mark();
     const char* failed = vkl::FailingKnownAnswer(vkl);
     ERR_pop_to_mark();
     if (failed != nullptr) {
-        vkl::Fill(status, VKL_MAJOR_ERROR, VKL_MINOR_LIBRARY_VERIFICATION_FAILED,
+        vkl::FillStatus(status, VKL_MAJOR_ERROR, VKL_MINOR_LIBRARY_VERIFICATION_FAILED,
                   std::string("Self-test failed: ") + failed + " known-answer test");
         return 0;
     }
-    vkl::Fill(status, VKL_MAJOR_OK, 0, "");
+    vkl::FillStatus(status, VKL_MAJOR_OK, 0, "");
     return 1;
 }
 
@@ -172,7 +166,7 @@ int VKL_GenerateRandomSeed(VKL_t* vkl, VKL_STATUS_t* status, int length, unsigne
     if (status == nullptr) return 0;
     if (vkl::ForcedStatus(__func__, status)) return status->major == 0 && status->minor == 0;
     if (vkl == nullptr || out == nullptr || length <= 0) {
-        vkl::Fill(status, VKL_MAJOR_ERROR, VKL_MINOR_NULL_PARAMETER, "no context, buffer or length for the seed");
+        vkl::FillStatus(status, VKL_MAJOR_ERROR, VKL_MINOR_NULL_PARAMETER, "no context, buffer or length for the seed");
         return 0;
     }
     size_t filled = 0;
@@ -182,14 +176,14 @@ int VKL_GenerateRandomSeed(VKL_t* vkl, VKL_STATUS_t* status, int length, unsigne
         if (got <= 0) {
             // Threads may fail here together: strerror's text could be overwritten, not strerror_r's.
             char text[128];
-            vkl::Fill(status, VKL_MAJOR_OS_ERROR, VKL_MINOR_UNABLE_TO_SET_VALUE,
+            vkl::FillStatus(status, VKL_MAJOR_OS_ERROR, VKL_MINOR_UNABLE_TO_SET_VALUE,
                       std::string("getrandom: ") + strerror_r(errno, text, sizeof text));
             OPENSSL_cleanse(out, filled);
             return 0;
         }
         filled += static_cast<size_t>(got);
     }
-    vkl::Fill(status, VKL_MAJOR_OK, 0, "");
+    vkl::FillStatus(status, VKL_MAJOR_OK, 0, "");
     return 1;
 }
 
