@@ -12,6 +12,7 @@
 // exponentiation with d they save (seconds at 14336 bits), paid again by a caller cycling more
 // keys than are kept; above that size the exponentiation with d stays, right for any modulus.
 #include <algorithm>
+#include <list>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -106,7 +107,7 @@ bool Factor(const BIGNUM* n, const BIGNUM* d, unsigned long e, SplitKey& out, BN
 bool Prepare(SplitKey& key, const BIGNUM* d, BN_CTX* ctx) {
     key.montP.reset(BN_MONT_CTX_new());
     key.montQ.reset(BN_MONT_CTX_new());
-    for (BnPtr* number : {&key.pLess, &key.qLess, &key.dp, &key.dq, &key.qinvR2}) {
+    for (BnPtr* number : {&key.pLess, &key.qLess, &key.dp, &key.dq, &key.qinv, &key.qinvR2}) {
         number->reset(BN_secure_new());
         if (!*number) return false;
         // Divisions, exponentiations and the inverse without a branch on the secrets.
@@ -121,30 +122,28 @@ bool Prepare(SplitKey& key, const BIGNUM* d, BN_CTX* ctx) {
         BN_mod(key.dq.get(), d, key.qLess.get(), ctx) != 1) {
         return false;
     }
-    return BN_mod_inverse(key.qinvR2.get(), key.q.get(), key.p.get(), ctx) != nullptr &&
-           BN_to_montgomery(key.qinvR2.get(), key.qinvR2.get(), key.montP.get(), ctx) == 1 &&
+    return BN_mod_inverse(key.qinv.get(), key.q.get(), key.p.get(), ctx) != nullptr &&
+           BN_to_montgomery(key.qinvR2.get(), key.qinv.get(), key.montP.get(), ctx) == 1 &&
            BN_to_montgomery(key.qinvR2.get(), key.qinvR2.get(), key.montP.get(), ctx) == 1;
 }
 
-bool PushSecret(OSSL_PARAM_BLD* bld, const char* key, BIGNUM* number) {
-    BN_set_flags(number, BN_FLG_SECURE);
-    return OSSL_PARAM_BLD_push_BN(bld, key, number) == 1;
-}
-
-PkeyPtr Import(VKL_t* vkl, const BIGNUM* n, unsigned long e, const BIGNUM* d, const BIGNUM* p, const BIGNUM* q,
-               const BIGNUM* dp, const BIGNUM* dq, const BIGNUM* qinv) {
+// OpenSSL's key for (n, d) with the split key's factors and CRT values, once they passed their tests.
+// A number in secure memory goes to the builder's secure block, which OSSL_PARAM_free wipes; the
+// split key's numbers are there already, d is copied there.
+PkeyPtr Import(VKL_t* vkl, const BIGNUM* n, const BIGNUM* d, const SplitKey& split) {
     ParamBldPtr bld(OSSL_PARAM_BLD_new());
-    BnPtr exponent(BN_new()), secretD(BN_dup(d)), secretP(BN_dup(p)), secretQ(BN_dup(q)), secretDp(BN_dup(dp)),
-        secretDq(BN_dup(dq)), secretQinv(BN_dup(qinv));
-    bool ok = bld && exponent && secretD && secretP && secretQ && secretDp && secretDq && secretQinv &&
-              BN_set_word(exponent.get(), e) == 1 &&
-              OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n) == 1 &&
-              OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) == 1;
-    const std::pair<const char*, BIGNUM*> secrets[] = {
-        {OSSL_PKEY_PARAM_RSA_D, secretD.get()},         {OSSL_PKEY_PARAM_RSA_FACTOR1, secretP.get()},
-        {OSSL_PKEY_PARAM_RSA_FACTOR2, secretQ.get()},   {OSSL_PKEY_PARAM_RSA_EXPONENT1, secretDp.get()},
-        {OSSL_PKEY_PARAM_RSA_EXPONENT2, secretDq.get()}, {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, secretQinv.get()}};
-    for (const auto& secret : secrets) ok = ok && PushSecret(bld.get(), secret.first, secret.second);
+    BnPtr exponent(BN_new()), secretD(BN_secure_new());
+    bool ok = bld && exponent && secretD && BN_set_word(exponent.get(), split.e) == 1 && BN_copy(secretD.get(), d);
+    const std::pair<const char*, const BIGNUM*> numbers[] = {
+        {OSSL_PKEY_PARAM_RSA_N, n},
+        {OSSL_PKEY_PARAM_RSA_E, exponent.get()},
+        {OSSL_PKEY_PARAM_RSA_D, secretD.get()},
+        {OSSL_PKEY_PARAM_RSA_FACTOR1, split.p.get()},
+        {OSSL_PKEY_PARAM_RSA_FACTOR2, split.q.get()},
+        {OSSL_PKEY_PARAM_RSA_EXPONENT1, split.dp.get()},
+        {OSSL_PKEY_PARAM_RSA_EXPONENT2, split.dq.get()},
+        {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, split.qinv.get()}};
+    for (const auto& number : numbers) ok = ok && OSSL_PARAM_BLD_push_BN(bld.get(), number.first, number.second) == 1;
     if (!ok) return nullptr;
     ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
     PkeyCtxPtr ctx(params ? EVP_PKEY_CTX_new_from_name(vkl->libctx.get(), "RSA", nullptr) : nullptr);
@@ -173,6 +172,13 @@ bool MakeKeyId(VKL_t* vkl, const VKL_RSA_t* rsa, KeyId& id) {
     return ok;
 }
 
+// The entry named `id`, or the list's end; the caller holds the lock.
+std::list<RecoveredKey>::iterator Find(VKL_t* vkl, const KeyId& id) {
+    return std::find_if(vkl->privateKeys.begin(), vkl->privateKeys.end(), [&id](const RecoveredKey& entry) {
+        return CRYPTO_memcmp(entry.id.data(), id.data(), id.size()) == 0;
+    });
+}
+
 // The entry named `id`, moved to the front; false when there is none. Drops everything made
 // before the latest test reset first. With `due`, counts a use of a split key and sets `due` when
 // the caller is to run its prime tests.
@@ -183,18 +189,16 @@ bool Lookup(VKL_t* vkl, const KeyId& id, Recovered& found, bool* due) {
         vkl->privateKeys.clear();
         vkl->keysReset = resets;
     }
-    for (auto it = vkl->privateKeys.begin(); it != vkl->privateKeys.end(); ++it) {
-        if (CRYPTO_memcmp(it->id.data(), id.data(), id.size()) != 0) continue;
-        vkl->privateKeys.splice(vkl->privateKeys.begin(), vkl->privateKeys, it);
-        if (it->key && EVP_PKEY_up_ref(it->key.get()) == 1) found.key.reset(it->key.get());
-        found.split = it->split;
-        if (due != nullptr && it->split && !it->tested && ++it->uses >= kUsesBeforePrimeTests) {
-            it->tested = true;
-            *due = true;
-        }
-        return true;
+    const auto it = Find(vkl, id);
+    if (it == vkl->privateKeys.end()) return false;
+    vkl->privateKeys.splice(vkl->privateKeys.begin(), vkl->privateKeys, it);
+    if (it->key && EVP_PKEY_up_ref(it->key.get()) == 1) found.key.reset(it->key.get());
+    found.split = it->split;
+    if (due != nullptr && it->split && !it->tested && ++it->uses >= kUsesBeforePrimeTests) {
+        it->tested = true;
+        *due = true;
     }
-    return false;
+    return true;
 }
 
 // Keeps what was found for `id`: as a new entry when `add`, else in place of the split key of the
@@ -204,16 +208,13 @@ void Remember(VKL_t* vkl, const KeyId& id, const Recovered& found, bool add) {
     if (found.key && reference == nullptr) return;
     PkeyPtr key(reference);
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
-    for (RecoveredKey& entry : vkl->privateKeys) {
-        if (CRYPTO_memcmp(entry.id.data(), id.data(), id.size()) != 0) continue;
-        // Another thread may have recovered the same key meanwhile: one entry is enough.
-        if (!add) {
-            entry.key = std::move(key);
-            entry.split.reset();
-        }
-        return;
+    const auto it = Find(vkl, id);
+    // Another thread may have recovered the same key meanwhile: one entry is enough.
+    if (it != vkl->privateKeys.end() && !add) {
+        it->key = std::move(key);
+        it->split.reset();
     }
-    if (!add) return;
+    if (it != vkl->privateKeys.end() || !add) return;
     vkl->privateKeys.emplace_front();
     RecoveredKey& entry = vkl->privateKeys.front();
     entry.id = id;
@@ -231,23 +232,18 @@ void Remember(VKL_t* vkl, const KeyId& id, const Recovered& found, bool add) {
 void Settle(VKL_t* vkl, const VKL_RSA_t* rsa, const KeyId& id, Recovered& found) {
     const SplitKey& split = *found.split;
     BnCtxPtr ctx(BN_CTX_secure_new_ex(vkl->libctx.get()));
-    BnPtr qinv(BN_secure_new());
-    const int pPrime = ctx && qinv ? BN_check_prime(split.p.get(), ctx.get(), nullptr) : -1;
+    const int pPrime = ctx ? BN_check_prime(split.p.get(), ctx.get(), nullptr) : -1;
     const int qPrime = pPrime == 1 ? BN_check_prime(split.q.get(), ctx.get(), nullptr) : pPrime;
     if (qPrime == 0) return;
-    if (qPrime == 1 && BN_mod_inverse(qinv.get(), split.q.get(), split.p.get(), ctx.get()) != nullptr) {
-        found.key = Import(vkl, rsa->n->bn.get(), split.e, rsa->d->bn.get(), split.p.get(), split.q.get(),
-                           split.dp.get(), split.dq.get(), qinv.get());
-    }
+    if (qPrime == 1) found.key = Import(vkl, rsa->n->bn.get(), rsa->d->bn.get(), split);
     if (found.key) {
         Remember(vkl, id, found, false);
         return;
     }
     // The tests or the import failed, as when memory runs out: the next use tries them again.
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
-    for (RecoveredKey& entry : vkl->privateKeys) {
-        if (CRYPTO_memcmp(entry.id.data(), id.data(), id.size()) == 0) entry.tested = false;
-    }
+    const auto it = Find(vkl, id);
+    if (it != vkl->privateKeys.end()) it->tested = false;
 }
 
 }  // namespace

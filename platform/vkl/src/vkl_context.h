@@ -26,10 +26,10 @@ namespace vkl {
 using KeyId = std::array<unsigned char, 32>;
 
 // A key recovered from n and d whose factors have not passed their prime tests: p > q, p − 1,
-// q − 1, d reduced modulo each, q⁻¹·R² mod p (R of p's Montgomery context), both contexts and
-// the e found.
+// q − 1, d reduced modulo each, q⁻¹ mod p and q⁻¹·R² mod p (R of p's Montgomery context), both
+// contexts and the e found. Every number is in secure memory.
 struct SplitKey {
-    BnPtr p, q, pLess, qLess, dp, dq, qinvR2;
+    BnPtr p, q, pLess, qLess, dp, dq, qinv, qinvR2;
     MontCtxPtr montP, montQ;
     unsigned long e = 0;
 };
