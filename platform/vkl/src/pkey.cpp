@@ -93,9 +93,7 @@ bool HaveKey(VKL_t* vkl, const VKL_EVP_PKEY_s* pkey, const char* function) {
 // bytes, when it holds no e and none of the usual ones fits.
 bool Sign(VKL_t* vkl, const VKL_RSA_t* rsa, const VKL_EVP_MD_s* md, const unsigned char* hash,
           unsigned int hashLength, unsigned char* signature, unsigned int* length, const char* function) {
-    if (!HasPrivateKey(rsa, function) || !ModulusSizeUsable(rsa, function) || !ExponentsUsable(rsa, true, function)) {
-        return false;
-    }
+    if (!KeyUsable(rsa, true, function)) return false;
     const DigestInfoPrefix* prefix = SignableDigest(md, function);
     if (prefix == nullptr) return false;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
@@ -191,9 +189,11 @@ int VKL_EVP_VerifyFinal(VKL_t* vkl, VKL_EVP_MD_CTX_t* ctx, const unsigned char* 
         vkl::SignableDigest(md, __func__) == nullptr) {
         return -1;
     }
+    // OpenSSL refuses such an e too, but its verification gives no cause; checked first, so that a
+    // key refused is not made and kept.
+    if (!vkl::HasPublicKey(pkey->rsa, __func__) || !vkl::ExponentsUsable(pkey->rsa, false, __func__)) return -1;
     vkl::PkeyPtr key = vkl::ToOpenSslKey(vkl, pkey->rsa, false, __func__);
-    // OpenSSL refuses such an e too, but its verification gives no cause.
-    if (!key || !vkl::ExponentsUsable(pkey->rsa, false, __func__)) return -1;
+    if (!key) return -1;
     vkl::ErrorScope errors;
     vkl::PkeyCtxPtr keyCtx(EVP_PKEY_CTX_new_from_pkey(vkl->libctx.get(), key.get(), nullptr));
     if (!keyCtx || EVP_PKEY_verify_init(keyCtx.get()) != 1 ||

@@ -122,8 +122,7 @@ int RawRsa(VKL_t* vkl, Operation operation, int length, const unsigned char* fro
         return -1;
     }
     const bool isPrivate = operation == Operation::kPrivateEncrypt || operation == Operation::kPrivateDecrypt;
-    if (isPrivate ? !HasPrivateKey(rsa, function) : !HasPublicKey(rsa, function)) return -1;
-    if (!ModulusSizeUsable(rsa, function) || !ExponentsUsable(rsa, isPrivate, function)) return -1;
+    if (!KeyUsable(rsa, isPrivate, function)) return -1;
     ErrorScope errors;
     const size_t k = static_cast<size_t>(ModulusBytes(rsa));
     const size_t inLength = static_cast<size_t>(length);

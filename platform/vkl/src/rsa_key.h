@@ -97,6 +97,12 @@ bool ModulusSizeUsable(const VKL_RSA_t* rsa, const char* function);
 // exponent has <d> bits, more than the modulus's <n>".
 bool ExponentsUsable(const VKL_RSA_t* rsa, bool withPrivate, const char* function);
 
+// The three checks above, for the operation's key: what it needs, its modulus, its exponents.
+inline bool KeyUsable(const VKL_RSA_t* rsa, bool isPrivate, const char* function) {
+    return (isPrivate ? HasPrivateKey(rsa, function) : HasPublicKey(rsa, function)) &&
+           ModulusSizeUsable(rsa, function) && ExponentsUsable(rsa, isPrivate, function);
+}
+
 // out = em^d mod n, as many bytes as the modulus, with a constant-time exponentiation.
 // `em` is the modulus length. False with the cause queued.
 bool PrivateExponentiate(VKL_t* vkl, const VKL_RSA_t* rsa, const unsigned char* em, unsigned char* out,

@@ -201,24 +201,14 @@ bool Lookup(VKL_t* vkl, const KeyId& id, Recovered& found, bool* due) {
     return true;
 }
 
-// Keeps what was found for `id`: as a new entry when `add`, else in place of the split key of the
-// entry if it is still kept.
-void Remember(VKL_t* vkl, const KeyId& id, const Recovered& found, bool add) {
-    EVP_PKEY* reference = found.key && EVP_PKEY_up_ref(found.key.get()) == 1 ? found.key.get() : nullptr;
-    if (found.key && reference == nullptr) return;
-    PkeyPtr key(reference);
+// Keeps the split key found for `id` (null when no usual e fits) as a new entry.
+void Remember(VKL_t* vkl, const KeyId& id, const Recovered& found) {
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
-    const auto it = Find(vkl, id);
     // Another thread may have recovered the same key meanwhile: one entry is enough.
-    if (it != vkl->privateKeys.end() && !add) {
-        it->key = std::move(key);
-        it->split.reset();
-    }
-    if (it != vkl->privateKeys.end() || !add) return;
+    if (Find(vkl, id) != vkl->privateKeys.end()) return;
     vkl->privateKeys.emplace_front();
     RecoveredKey& entry = vkl->privateKeys.front();
     entry.id = id;
-    entry.key = std::move(key);
     entry.split = found.split;
     entry.uses = 1;
     // The least recently used goes, its key freed by OpenSSL with its secrets cleared.
@@ -236,14 +226,18 @@ void Settle(VKL_t* vkl, const VKL_RSA_t* rsa, const KeyId& id, Recovered& found)
     const int qPrime = pPrime == 1 ? BN_check_prime(split.q.get(), ctx.get(), nullptr) : pPrime;
     if (qPrime == 0) return;
     if (qPrime == 1) found.key = Import(vkl, rsa->n->bn.get(), rsa->d->bn.get(), split);
-    if (found.key) {
-        Remember(vkl, id, found, false);
-        return;
-    }
-    // The tests or the import failed, as when memory runs out: the next use tries them again.
+    EVP_PKEY* reference = found.key && EVP_PKEY_up_ref(found.key.get()) == 1 ? found.key.get() : nullptr;
     std::lock_guard<std::mutex> lock(vkl->privateKeyLock);
     const auto it = Find(vkl, id);
-    if (it != vkl->privateKeys.end()) it->tested = false;
+    if (it == vkl->privateKeys.end()) {
+        EVP_PKEY_free(reference);
+    } else if (reference != nullptr) {
+        it->key.reset(reference);
+        it->split.reset();
+    } else {
+        // The tests, the import or the reference failed, as when memory runs out: the next use tries again.
+        it->tested = false;
+    }
 }
 
 }  // namespace
@@ -294,7 +288,7 @@ Recovered RecoverKey(VKL_t* vkl, const VKL_RSA_t* rsa, BN_CTX* ctx) {
         found.split.reset();
     }
     // A key that no usual e fits is remembered as such; a failure is not, so the next call tries again.
-    if (!failed) Remember(vkl, id, found, true);
+    if (!failed) Remember(vkl, id, found);
     OPENSSL_cleanse(id.data(), id.size());
     errors.Drop();
     return found;
