@@ -203,16 +203,20 @@ struct SecretBytes {
 
 // VKL writes the digest's real length whatever size it answered before: finished into room
 // for the longest, and copied out only when the two agree. 0 with the status told otherwise.
+// A finish that wrote another length than VKL's size: 0 with the status told.
+int WrongLength(ZulVklStatusWrap& status, VKL_t& vkl, const char* failed, const char* what, unsigned int written,
+                int size) {
+    zul::DrainVklErrors(&vkl);
+    return Report(status, "%s(VKL gave %u %s bytes, %d expected)", failed, written, what, size);
+}
+
 int FinishDigest(VKL_t& vkl, VKL_EVP_MD_CTX_t& md, int size, unsigned char* out, ZulVklStatusWrap& status,
                  const char* failed) {
     SecretBytes<kMaxMac> digest;
     unsigned int written = 0;
     const int result = VKL_EVP_DigestFinal(&vkl, &md, digest.data, &written);
     if (result != 1) return FailWith(status, vkl, failed, result);
-    if (written != static_cast<unsigned int>(size)) {
-        zul::DrainVklErrors(&vkl);
-        return Report(status, "%s(VKL gave %u digest bytes, %d expected)", failed, written, size);
-    }
+    if (written != static_cast<unsigned int>(size)) return WrongLength(status, vkl, failed, "digest", written, size);
     std::memcpy(out, digest.data, written);
     return 1;
 }
@@ -638,8 +642,7 @@ int ZulVklHmacGenerateDigestImpl(VKL_t& vkl, VKL_HMAC_CTX_t& hmac, const char* d
     result = VKL_HMAC_Final(&vkl, &hmac, mac, &written);
     if (result != 1) return FailWith(status, vkl, "HMAC finalisation failed ", result);
     if (written != static_cast<unsigned int>(size)) {
-        zul::DrainVklErrors(&vkl);
-        return Report(status, "%s(VKL gave %u MAC bytes, %d expected)", "HMAC finalisation failed ", written, size);
+        return WrongLength(status, vkl, "HMAC finalisation failed ", "MAC", written, size);
     }
     result = VKL_HMAC_Init(&vkl, &hmac, nullptr, 0, nullptr);
     if (result != 1) return FailWith(status, vkl, "HMAC re-arm failed ", result);
