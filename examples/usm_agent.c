@@ -62,7 +62,6 @@ typedef struct Engine {
     UsmCrypto crypto;
     UsmUser user;
     UsmUser next; /* the user's keys once the answer to a Set has gone out */
-    int changed;  /* 1 when next holds keys to take */
     unsigned char engineId[13];
     struct timespec started;
     uint32_t stats[STATS_COUNT];
@@ -173,8 +172,9 @@ static int64_t SetOne(Engine* engine, const UsmVarBind* bind) {
     return UsmKeyChange(&engine->crypto, next, key, bind->value.data, half, bind->value.data + half, key) ? 0 : GEN_ERR;
 }
 
-/* A Set takes every binding or none: the first refused one is answered with its error and index. */
-static void Set(Engine* engine, const UsmPdu* request, UsmPdu* response) {
+/* A Set takes every binding or none: the first refused one is answered with its error and index. 1 when
+ * the keys change, to those in engine->next. */
+static int Set(Engine* engine, const UsmPdu* request, UsmPdu* response) {
     engine->next = engine->user;
     response->count = request->count;
     for (size_t i = 0; i < request->count; ++i) response->vars[i] = request->vars[i];
@@ -182,8 +182,7 @@ static void Set(Engine* engine, const UsmPdu* request, UsmPdu* response) {
         response->errorStatus = SetOne(engine, &request->vars[i]);
         response->errorIndex = response->errorStatus != 0 ? (int64_t)i + 1 : 0;
     }
-    engine->changed = response->errorStatus == 0 && request->count > 0;
-    if (!engine->changed) UsmUserWipe(&engine->next);
+    return response->errorStatus == 0 && request->count > 0;
 }
 
 /* Writes the reply message into gOut: a report in clear (or authenticated for notInTimeWindow), or an
@@ -289,8 +288,9 @@ static size_t Handle(Engine* engine, size_t length) {
     response.contextName = request.contextName;
     response.type = PDU_RESPONSE;
     response.requestId = request.requestId;
+    int changed = 0;
     if (request.type == PDU_SET) {
-        Set(engine, &request, &response);
+        changed = Set(engine, &request, &response);
     } else {
         Answer(engine, &request, &response, scratch);
     }
@@ -300,18 +300,17 @@ static size_t Handle(Engine* engine, size_t length) {
         response.errorStatus = 1;
         response.errorIndex = 0;
         response.count = 0;
-        engine->changed = 0;
+        changed = 0;
         reply = Reply(engine, &in, USM_FLAG_AUTH | USM_FLAG_PRIV, &response);
     }
     UsmWipe(gRequest, scopedLength);
-    if (engine->changed && reply > 0) {
+    if (changed && reply > 0) {
         /* Kept only when an answer saying they were taken could be made. */
         engine->user = engine->next;
         printf("usm_agent: %s's keys changed\n", engine->user.name);
         (void)fflush(stdout);
     }
     UsmUserWipe(&engine->next);
-    engine->changed = 0;
     return reply;
 }
 
@@ -400,7 +399,6 @@ int main(int argc, char** argv) {
         }
     }
     UsmUserWipe(&engine.user);
-    UsmUserWipe(&engine.next);
     UsmCryptoClose(&engine.crypto);
     if (s >= 0) close(s);
     if (ok) {
