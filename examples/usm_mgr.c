@@ -98,7 +98,6 @@ static const char* ReportText(const UsmPdu* pdu) {
 /* Engine discovery (RFC 3414 4): a request with no engine ID and no user draws a report carrying
  * the agent's engine ID, boots and time. 1 with them in agent, or 0 with a message. */
 static int Discover(Agent* agent) {
-    static const unsigned char kReportable = USM_FLAG_REPORTABLE;
     unsigned char pduBytes[64];
     BerWriter w = {pduBytes, 0, sizeof pduBytes, 0};
     UsmPdu pdu;
@@ -109,7 +108,7 @@ static int Discover(Agent* agent) {
     memset(&h, 0, sizeof h);
     h.msgId = NewId();
     h.maxSize = USM_MAX_MESSAGE;
-    h.flags = kReportable;
+    h.flags = USM_FLAG_REPORTABLE;
     BerWriter m = {gOut, 0, sizeof gOut, 0};
     if (!UsmWriteScopedPdu(&w, &pdu) || !UsmWriteMessage(&m, &h, pduBytes, w.length)) return 0;
     UsmHeader in;
