@@ -34,12 +34,8 @@
 #include "usm_ber.h"
 #include "usm_sec.h"
 
-#define TIME_WINDOW 150
 #define BOOTS 1 /* nothing is kept between runs; a new engine ID each start refuses old messages */
 
-/* usmStats counters, in the order of their OIDs (1.3.6.1.6.3.15.1.1.N.0). */
-enum { UNSUPPORTED_SEC_LEVELS = 1, NOT_IN_TIME_WINDOWS, UNKNOWN_USER_NAMES, UNKNOWN_ENGINE_IDS, WRONG_DIGESTS,
-       DECRYPTION_ERRORS, STATS_COUNT };
 static const char* const kStatsNames[STATS_COUNT] = {"", "unsupportedSecLevels", "notInTimeWindows",
                                                      "unknownUserNames", "unknownEngineIDs", "wrongDigests",
                                                      "decryptionErrors"};
@@ -267,7 +263,7 @@ static size_t Handle(Engine* engine, size_t length) {
     }
     /* Authentic from here on. A copy replayed late, or made for another boot, is refused. */
     int64_t now = EngineTime(engine);
-    if (in.boots != BOOTS || in.time < now - TIME_WINDOW || in.time > now + TIME_WINDOW) {
+    if (in.boots != BOOTS || in.time < now - USM_TIME_WINDOW || in.time > now + USM_TIME_WINDOW) {
         return Report(engine, &in, NOT_IN_TIME_WINDOWS, 0);
     }
     size_t scopedLength = 0;

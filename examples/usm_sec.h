@@ -15,6 +15,12 @@
 
 #define USM_MAX_KEY 64 /* SHA-512 */
 #define USM_SALT_LENGTH 8
+/* Seconds an authenticated message's time may lie from the authoritative engine's (RFC 3414 2.2.3). */
+#define USM_TIME_WINDOW 150
+
+/* usmStats counters, in the order of their OIDs (1.3.6.1.6.3.15.1.1.N.0). */
+enum { UNSUPPORTED_SEC_LEVELS = 1, NOT_IN_TIME_WINDOWS, UNKNOWN_USER_NAMES, UNKNOWN_ENGINE_IDS, WRONG_DIGESTS,
+       DECRYPTION_ERRORS, STATS_COUNT };
 
 typedef struct UsmAuthProtocol {
     const char* name;   /* as snmpd's createUser and snmpget -a name it */
