@@ -70,11 +70,8 @@ static void OnSignal(int signal) {
 }
 
 static int Usage(const char* why) {
-    fprintf(stderr,
-            "usm_agent: %s\nusage: usm_agent --port PORT --user U --auth DIGEST --auth-password-file F "
-            "--priv CIPHER --priv-password-file F\n  DIGEST: %s\n  CIPHER: %s\n",
-            why, UsmAuthNames(), UsmPrivNames());
-    return 2;
+    return UsmUsage("usm_agent", why,
+                    "--port PORT --user U --auth DIGEST --auth-password-file F --priv CIPHER --priv-password-file F");
 }
 
 /* Hundredths of a second since the start. */

@@ -41,9 +41,9 @@ typedef struct UsmPrivProtocol {
 /* The table row for a name, or null. */
 const UsmAuthProtocol* UsmFindAuth(const char* name);
 const UsmPrivProtocol* UsmFindPriv(const char* name);
-/* "MD5, SHA, ..." for messages. */
-const char* UsmAuthNames(void);
-const char* UsmPrivNames(void);
+/* Prints why the command line will not do, the program's usage (its arguments) and the protocols' names on
+ * stderr; 2, the exit status for bad usage. */
+int UsmUsage(const char* program, const char* why, const char* arguments);
 /* Bytes of privacy key the protocol reads: the cipher's key, and the pre-IV for DES and 3DES. */
 size_t UsmPrivNeeded(const UsmPrivProtocol* priv);
 
