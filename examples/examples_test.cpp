@@ -17,9 +17,12 @@
 #include <openssl/hmac.h>
 #include <openssl/param_build.h>
 
+#include "hex.h"
+
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+using zulcrypt::ToHex;
 
 // Runs a shell command, standard error merged into the output; the exit code.
 int RunCommand(const std::string& command, std::string& out) {
@@ -32,14 +35,8 @@ int RunCommand(const std::string& command, std::string& out) {
 
 Bytes FromHex(const std::string& hex) {
     Bytes bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes.push_back(std::stoi(hex.substr(i, 2), nullptr, 16));
+    EXPECT_TRUE(zulcrypt::FromHex(hex, bytes)) << hex;
     return bytes;
-}
-
-std::string Hex(const Bytes& bytes) {
-    std::string hex;
-    for (unsigned char b : bytes) hex += "0123456789abcdef"[b >> 4], hex += "0123456789abcdef"[b & 15];
-    return hex;
 }
 
 // "<name> <hex>" lines of the output, by name.
@@ -120,8 +117,8 @@ void CheckMessage(const std::string& out, const Protocol& p) {
     const Bytes engineId = FromHex("000000000000000000000002");
     const Bytes authKey = UserKey(p.md, "maplesyrup", engineId, size_t(EVP_MD_get_size(p.md)));
     const Bytes privKey = UserKey(p.md, "newsyrup", engineId, size_t(EVP_CIPHER_get_key_length(p.cipher)));
-    EXPECT_EQ(value("authKey"), Hex(authKey));
-    EXPECT_EQ(value("privKey"), Hex(privKey));
+    EXPECT_EQ(value("authKey"), ToHex(authKey));
+    EXPECT_EQ(value("privKey"), ToHex(privKey));
 
     // message, header, version, global data (id, size, flags, model), USM parameters (engine
     // ID, boots, time, user, MAC, salt), then the encrypted PDU.
@@ -130,14 +127,14 @@ void CheckMessage(const std::string& out, const Protocol& p) {
     ASSERT_TRUE(Flatten(message, 0, message.size(), e));
     ASSERT_EQ(e.size(), 16u);
     auto content = [&](size_t i) { return Bytes(message.begin() + long(e[i].start), message.begin() + long(e[i].start + e[i].length)); };
-    EXPECT_EQ(Hex(content(1)) + Hex(content(5)) + Hex(content(6)), "030703");  // SNMPv3, auth+priv+reportable, USM
+    EXPECT_EQ(ToHex(content(1)) + ToHex(content(5)) + ToHex(content(6)), "030703");  // SNMPv3, auth+priv+reportable, USM
     EXPECT_EQ(content(9), engineId);
-    EXPECT_EQ(Hex(content(10)) + Hex(content(11)), "0701e240");  // boots 7, time 123456
+    EXPECT_EQ(ToHex(content(10)) + ToHex(content(11)), "0701e240");  // boots 7, time 123456
     EXPECT_EQ(content(12), Bytes({'w', 'e', 'x', 'u', 's', 'e', 'r'}));
     ASSERT_EQ(e[13].length, p.macLength);
     const Bytes mac = content(13), salt = content(14), encrypted = content(15);
-    EXPECT_EQ(value("mac"), Hex(mac));
-    EXPECT_EQ(value("encryptedPDU"), Hex(encrypted));
+    EXPECT_EQ(value("mac"), ToHex(mac));
+    EXPECT_EQ(value("encryptedPDU"), ToHex(encrypted));
 
     // The HMAC over the message with its MAC field zeroed, cut to the MAC's length.
     std::fill(message.begin() + long(e[13].start), message.begin() + long(e[13].start + p.macLength), 0);
@@ -149,7 +146,7 @@ void CheckMessage(const std::string& out, const Protocol& p) {
     // RFC 3826 IV: boots and time as 32-bit big-endian, then the salt.
     Bytes iv = FromHex("000000070001e240");
     iv.insert(iv.end(), salt.begin(), salt.end());
-    EXPECT_EQ(value("iv"), Hex(iv));
+    EXPECT_EQ(value("iv"), ToHex(iv));
     Bytes opened(encrypted.size() + 16);
     int n = 0, last = 0;
     std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
@@ -157,7 +154,7 @@ void CheckMessage(const std::string& out, const Protocol& p) {
     ASSERT_EQ(EVP_DecryptUpdate(ctx.get(), opened.data(), &n, encrypted.data(), int(encrypted.size())), 1);
     ASSERT_EQ(EVP_DecryptFinal_ex(ctx.get(), opened.data() + n, &last), 1);
     opened.resize(size_t(n) + size_t(last));
-    EXPECT_EQ(Hex(opened), value("scopedPDU"));
+    EXPECT_EQ(ToHex(opened), value("scopedPDU"));
     EXPECT_EQ(value("decryptedPDU"), value("scopedPDU"));
     // The scoped PDU names the engine and carries a GetRequest.
     e.clear();
@@ -226,7 +223,7 @@ TEST(SignFileExample, SignsVerifiesAndRefuses) {
 
     out.clear();  // the signature goes where asked
     ASSERT_EQ(RunCommand(tool + "'" + file + "' '" + where + "'", out), 0) << out;
-    EXPECT_EQ(Hex(ReadFile(where)), Values(out)["signature"]);
+    EXPECT_EQ(ToHex(ReadFile(where)), Values(out)["signature"]);
 
     const struct {
         std::string args;

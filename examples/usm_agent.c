@@ -34,12 +34,8 @@
 #include "usm_ber.h"
 #include "usm_sec.h"
 
-#define TIME_WINDOW 150
 #define BOOTS 1 /* nothing is kept between runs; a new engine ID each start refuses old messages */
 
-/* usmStats counters, in the order of their OIDs (1.3.6.1.6.3.15.1.1.N.0). */
-enum { UNSUPPORTED_SEC_LEVELS = 1, NOT_IN_TIME_WINDOWS, UNKNOWN_USER_NAMES, UNKNOWN_ENGINE_IDS, WRONG_DIGESTS,
-       DECRYPTION_ERRORS, STATS_COUNT };
 static const char* const kStatsNames[STATS_COUNT] = {"", "unsupportedSecLevels", "notInTimeWindows",
                                                      "unknownUserNames", "unknownEngineIDs", "wrongDigests",
                                                      "decryptionErrors"};
@@ -62,7 +58,6 @@ typedef struct Engine {
     UsmCrypto crypto;
     UsmUser user;
     UsmUser next; /* the user's keys once the answer to a Set has gone out */
-    int changed;  /* 1 when next holds keys to take */
     unsigned char engineId[13];
     struct timespec started;
     uint32_t stats[STATS_COUNT];
@@ -75,11 +70,8 @@ static void OnSignal(int signal) {
 }
 
 static int Usage(const char* why) {
-    fprintf(stderr,
-            "usm_agent: %s\nusage: usm_agent --port PORT --user U --auth DIGEST --auth-password-file F "
-            "--priv CIPHER --priv-password-file F\n  DIGEST: %s\n  CIPHER: %s\n",
-            why, UsmAuthNames(), UsmPrivNames());
-    return 2;
+    return UsmUsage("usm_agent", why,
+                    "--port PORT --user U --auth DIGEST --auth-password-file F --priv CIPHER --priv-password-file F");
 }
 
 /* Hundredths of a second since the start. */
@@ -173,8 +165,9 @@ static int64_t SetOne(Engine* engine, const UsmVarBind* bind) {
     return UsmKeyChange(&engine->crypto, next, key, bind->value.data, half, bind->value.data + half, key) ? 0 : GEN_ERR;
 }
 
-/* A Set takes every binding or none: the first refused one is answered with its error and index. */
-static void Set(Engine* engine, const UsmPdu* request, UsmPdu* response) {
+/* A Set takes every binding or none: the first refused one is answered with its error and index. 1 when
+ * the keys change, to those in engine->next. */
+static int Set(Engine* engine, const UsmPdu* request, UsmPdu* response) {
     engine->next = engine->user;
     response->count = request->count;
     for (size_t i = 0; i < request->count; ++i) response->vars[i] = request->vars[i];
@@ -182,8 +175,7 @@ static void Set(Engine* engine, const UsmPdu* request, UsmPdu* response) {
         response->errorStatus = SetOne(engine, &request->vars[i]);
         response->errorIndex = response->errorStatus != 0 ? (int64_t)i + 1 : 0;
     }
-    engine->changed = response->errorStatus == 0 && request->count > 0;
-    if (!engine->changed) UsmUserWipe(&engine->next);
+    return response->errorStatus == 0 && request->count > 0;
 }
 
 /* Writes the reply message into gOut: a report in clear (or authenticated for notInTimeWindow), or an
@@ -268,7 +260,7 @@ static size_t Handle(Engine* engine, size_t length) {
     }
     /* Authentic from here on. A copy replayed late, or made for another boot, is refused. */
     int64_t now = EngineTime(engine);
-    if (in.boots != BOOTS || in.time < now - TIME_WINDOW || in.time > now + TIME_WINDOW) {
+    if (in.boots != BOOTS || in.time < now - USM_TIME_WINDOW || in.time > now + USM_TIME_WINDOW) {
         return Report(engine, &in, NOT_IN_TIME_WINDOWS, 0);
     }
     size_t scopedLength = 0;
@@ -289,8 +281,9 @@ static size_t Handle(Engine* engine, size_t length) {
     response.contextName = request.contextName;
     response.type = PDU_RESPONSE;
     response.requestId = request.requestId;
+    int changed = 0;
     if (request.type == PDU_SET) {
-        Set(engine, &request, &response);
+        changed = Set(engine, &request, &response);
     } else {
         Answer(engine, &request, &response, scratch);
     }
@@ -300,18 +293,17 @@ static size_t Handle(Engine* engine, size_t length) {
         response.errorStatus = 1;
         response.errorIndex = 0;
         response.count = 0;
-        engine->changed = 0;
+        changed = 0;
         reply = Reply(engine, &in, USM_FLAG_AUTH | USM_FLAG_PRIV, &response);
     }
     UsmWipe(gRequest, scopedLength);
-    if (engine->changed && reply > 0) {
+    if (changed && reply > 0) {
         /* Kept only when an answer saying they were taken could be made. */
         engine->user = engine->next;
         printf("usm_agent: %s's keys changed\n", engine->user.name);
         (void)fflush(stdout);
     }
     UsmUserWipe(&engine->next);
-    engine->changed = 0;
     return reply;
 }
 
@@ -400,7 +392,6 @@ int main(int argc, char** argv) {
         }
     }
     UsmUserWipe(&engine.user);
-    UsmUserWipe(&engine.next);
     UsmCryptoClose(&engine.crypto);
     if (s >= 0) close(s);
     if (ok) {

@@ -19,11 +19,9 @@
 #define MAX_OID_CONTENT 128
 
 static int Usage(const char* why) {
-    fprintf(stderr,
-            "usm_get: %s\nusage: usm_get --user U --auth DIGEST --auth-password-file F --priv CIPHER "
-            "--priv-password-file F HOST:PORT OID...\n  DIGEST: %s\n  CIPHER: %s\n",
-            why, UsmAuthNames(), UsmPrivNames());
-    return 2;
+    return UsmUsage("usm_get", why,
+                    "--user U --auth DIGEST --auth-password-file F --priv CIPHER --priv-password-file F "
+                    "HOST:PORT OID...");
 }
 
 static void PrintTicks(uint64_t ticks) {

@@ -28,9 +28,13 @@ pairs=({MD5,SHA,SHA-224,SHA-256,SHA-384,SHA-512}/{DES,AES,AES-192,AES-256,AES-19
 s=1.3.6.1.2.1.1 # system
 uptime="^.$s.3.0 = Timeticks: \([0-9]+\) [0-9]+:[0-9]{2}:[0-9]{2}\.[0-9]{2}$"
 
-# user auth priv, the files of the auth and priv passwords, then OIDs.
-sget() { snmpget -m '' -v3 -On -l authPriv -u $1 -a $2 -x $3 -A $(<$4) -X $(<$5) -r 1 -t 3 127.0.0.1:$port "${@:6}"; }
-uget() { $get --user $1 --auth $2 --priv $3 --auth-password-file $4 --priv-password-file $5 127.0.0.1:$port "${@:6}"; }
+# A Net-SNMP tool or one of ours, then user auth priv, the files of the auth and priv passwords, then its arguments.
+netsnmp() { $1 -m '' -v3 -l authPriv -u $2 -a $3 -x $4 -A $(<$5) -X $(<$6) 127.0.0.1:$port "${@:7}"; }
+ours() { $1 --user $2 --auth $3 --priv $4 --auth-password-file $5 --priv-password-file $6 127.0.0.1:$port "${@:7}"; }
+sget() { netsnmp snmpget "${@:1:5}" -On -r 1 -t 3 "${@:6}"; }
+uget() { ours $get "$@"; }
+# The engine ID the agent logged.
+engine() { sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' log; }
 refused() { # what message command...: exit 1 with the message and no value
   local out
   out=$("${@:3}" 2>&1)
@@ -74,10 +78,10 @@ if start snmpd_; then
     set -- ${pairs[i]/\// }
     for x in $2 $([ $1 = SHA ] && [ ${#2} -gt 3 ] && echo ${2//-/}); do
       want=$(sget u$i $1 $x pw pw "${oids[@]}" 2>&1)
-      got=$(uget u$i $1 $x pw pw "${oids[@]}" 2>&1)
-      [[ $want && $want = "$got" ]] || fail "usm_get $1 $x: [$got] [$want]"
+      got=$(uget u$i $1 $x pw pw "${oids[@]}" $s.3.0 2>&1)
+      [[ $want && $want = "${got%$'\n'*}" ]] || fail "usm_get $1 $x: [$got] [$want]"
+      [[ ${got##*$'\n'} =~ $uptime ]] || fail "usm_get $1 $x uptime"
     done
-    [[ $(uget u$i $1 $2 pw pw $s.3.0 2>&1) =~ $uptime ]] || fail "usm_get $1 $2 uptime"
   done
   refused "wrong auth" "Authentication failure" uget u0 MD5 DES wrong pw $s.1.0
   refused "wrong priv" "no response" uget u1 MD5 AES pw wrong $s.1.0
@@ -105,8 +109,7 @@ if start agent_ $1 $2; then
   refused "agent wrong priv" "Decryption error" sget alice $1 $2 pw wrong $s.1.0
   refused "agent unknown user" "Unknown user name" sget bob $1 $2 pw pw $s.1.0
   [ "$(uget alice $1 $2 pw pw $s.1.0 2>&1)" = "$descr" ] || fail "usm_get to agent"
-  engine=$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' log)
-  [ "$(sget alice $1 $2 pw pw -e 0x$engine -Z 1,100000 $s.1.0 2>&1)" = "$descr" ] || fail "late request"
+  [ "$(sget alice $1 $2 pw pw -e 0x$(engine) -Z 1,100000 $s.1.0 2>&1)" = "$descr" ] || fail "late request"
   # usmStatsNotInTimeWindows, UnknownUserNames, WrongDigests, DecryptionErrors
   counts=$(sget alice $1 $2 pw pw 1.3.6.1.6.3.15.1.1.{2,3,5,6}.0 2>&1)
   [ "$(sed 's/.*Counter32: //' <<<"$counts" | tr -d '\n')" = 1101 ] || fail "usmStats: [$counts]"
@@ -134,7 +137,7 @@ fi
 printf 'rwuser u%s authpriv\n' 0 1 >snmpd.conf
 printf 'createUser u0 SHA maplesyrup AES maplesyrup\ncreateUser u1 SHA-256 maplesyrup AES-256-C maplesyrup\n' >kc/snmpd.conf
 kc_() { SNMPCONFPATH=$dir:$dir/kc SNMP_PERSISTENT_DIR=$dir/kc exec snmpd -f -Lo udp:127.0.0.1:$port; }
-upw() { $passwd --user $1 --auth $2 --priv $3 --auth-password-file $4 --priv-password-file $5 "${@:6}" 127.0.0.1:$port; }
+upw() { ours $passwd "$@"; }
 if start kc_ && { stop; start kc_; }; then
   upw u0 SHA AES pw pw --new-auth-password-file new --new-priv-password-file new &&
     upw u1 SHA-256 AES-256-C pw pw --new-auth-password-file new && upw u1 SHA-256 AES-256-C new pw --new-priv-password-file new
@@ -152,16 +155,15 @@ fi
 for pair in MD5/DES SHA/AES SHA-512/AES-256; do
   set -- ${pair/\// }
   start agent_ $1 $2 || continue
-  snmpusm -m '' -v3 -l authPriv -u alice -a $1 -x $2 -A maplesyrup -X maplesyrup 127.0.0.1:$port passwd maplesyrup \
-    pancakes42 $([ $1 = SHA ] && echo alice) >/dev/null && [ "$(sget alice $1 $2 new new $s.1.0 2>&1)" = "$descr" ]
+  netsnmp snmpusm alice $1 $2 pw pw passwd maplesyrup pancakes42 $([ $1 = SHA ] && echo alice) >/dev/null &&
+    [ "$(sget alice $1 $2 new new $s.1.0 2>&1)" = "$descr" ]
   ok "snmpusm passwd to usm_agent, $pair"
   refused "usm_agent $pair, old passwords" "Authentication failure" sget alice $1 $2 pw pw $s.1.0
   # usmUserOwnAuthKeyChange's index: the engine ID's length and octets, then "alice"'s
-  idx=$(eval echo .13$(sed -n 's/.*engine ID \([0-9a-f]*\)$/\1/p' log | sed 's/../.$((16#&))/g').5.97.108.105.99.101)
+  idx=$(eval echo .13$(engine | sed 's/../.$((16#&))/g').5.97.108.105.99.101)
   for want in "notWritable $s.1.0 s x" "wrongLength 1.3.6.1.6.3.15.1.2.2.1.7$idx x 00"; do
     set -- $1 $2 $want
-    [[ $(snmpset -m '' -v3 -l authPriv -u alice -a $1 -x $2 -A pancakes42 -X pancakes42 127.0.0.1:$port "${@:4}" 2>&1) = \
-      *"Reason: $3"* ]]; ok "usm_agent $pair, Set: $3"
+    [[ $(netsnmp snmpset alice $1 $2 new new "${@:4}" 2>&1) = *"Reason: $3"* ]]; ok "usm_agent $pair, Set: $3"
   done
   stop
 done

@@ -10,7 +10,6 @@
 
 #define ATTEMPTS 3
 #define WAIT_MS 1000
-#define TIME_WINDOW 150
 
 static unsigned char gOut[USM_MAX_MESSAGE], gIn[USM_MAX_MESSAGE + 1];
 static unsigned char gPlain[USM_MAX_MESSAGE + 8], gCipher[USM_MAX_MESSAGE + 8];
@@ -78,27 +77,29 @@ static int64_t NewId(void) {
     return id & 0x7fffffff;
 }
 
+/* The usmStats counter a report carries, or 0 for another. */
+static int ReportCounter(const UsmPdu* pdu) {
+    static const unsigned char kUsmStats[] = {0x2b, 6, 1, 6, 3, 15, 1, 1};
+    const BerItem* name = &pdu->vars[0].name;
+    if (pdu->count == 0 || name->length != sizeof kUsmStats + 2 ||
+        memcmp(name->data, kUsmStats, sizeof kUsmStats) != 0) {
+        return 0;
+    }
+    return name->data[sizeof kUsmStats] < STATS_COUNT ? name->data[sizeof kUsmStats] : 0;
+}
+
 /* What an unauthenticated or authenticated report says, as snmpget words it. */
 static const char* ReportText(const UsmPdu* pdu) {
-    static const char* const kTexts[] = {"Unsupported security level", "Not in time window", "Unknown user name",
-                                         "Unknown engine ID",
-                                         "Authentication failure (incorrect password, community or key)",
-                                         "Decryption error"};
-    static const unsigned char kUsmStats[] = {0x2b, 6, 1, 6, 3, 15, 1, 1};
-    if (pdu->count > 0) {
-        const BerItem* name = &pdu->vars[0].name;
-        if (name->length == sizeof kUsmStats + 2 && memcmp(name->data, kUsmStats, sizeof kUsmStats) == 0 &&
-            name->data[sizeof kUsmStats] >= 1 && name->data[sizeof kUsmStats] <= 6) {
-            return kTexts[name->data[sizeof kUsmStats] - 1];
-        }
-    }
-    return "Report from the agent";
+    static const char* const kTexts[STATS_COUNT] = {"Report from the agent", "Unsupported security level",
+                                                    "Not in time window", "Unknown user name", "Unknown engine ID",
+                                                    "Authentication failure (incorrect password, community or key)",
+                                                    "Decryption error"};
+    return kTexts[ReportCounter(pdu)];
 }
 
 /* Engine discovery (RFC 3414 4): a request with no engine ID and no user draws a report carrying
  * the agent's engine ID, boots and time. 1 with them in agent, or 0 with a message. */
 static int Discover(Agent* agent) {
-    static const unsigned char kReportable = USM_FLAG_REPORTABLE;
     unsigned char pduBytes[64];
     BerWriter w = {pduBytes, 0, sizeof pduBytes, 0};
     UsmPdu pdu;
@@ -109,7 +110,7 @@ static int Discover(Agent* agent) {
     memset(&h, 0, sizeof h);
     h.msgId = NewId();
     h.maxSize = USM_MAX_MESSAGE;
-    h.flags = kReportable;
+    h.flags = USM_FLAG_REPORTABLE;
     BerWriter m = {gOut, 0, sizeof gOut, 0};
     if (!UsmWriteScopedPdu(&w, &pdu) || !UsmWriteMessage(&m, &h, pduBytes, w.length)) return 0;
     UsmHeader in;
@@ -134,7 +135,7 @@ static int Discover(Agent* agent) {
 static int InTime(Agent* agent, const UsmHeader* in) {
     int64_t now = EngineTime(agent);
     if (in->boots >= 0x7fffffff || in->boots < agent->boots ||
-        (in->boots == agent->boots && in->time < now - TIME_WINDOW)) {
+        (in->boots == agent->boots && in->time < now - USM_TIME_WINDOW)) {
         return 0;
     }
     if (in->boots > agent->boots || in->time > now) {
@@ -205,7 +206,8 @@ static int Request(UsmCrypto* crypto, const UsmUser* user, Agent* agent, UsmPdu*
         return 0;
     }
     if (!InTime(agent, &in)) {
-        fprintf(stderr, "%s: Not in time window: the answer is outside the agent's 150 s window\n", agent->program);
+        fprintf(stderr, "%s: Not in time window: the answer is outside the agent's %d s window\n", agent->program,
+                USM_TIME_WINDOW);
         return 0;
     }
     const unsigned char* scoped = in.data.data;
@@ -223,7 +225,7 @@ static int Request(UsmCrypto* crypto, const UsmUser* user, Agent* agent, UsmPdu*
         return 0;
     }
     if (answer.type == PDU_REPORT) {
-        if (strcmp(ReportText(&answer), "Not in time window") == 0) return -1;
+        if (ReportCounter(&answer) == NOT_IN_TIME_WINDOWS) return -1;
         fprintf(stderr, "%s: %s\n", agent->program, ReportText(&answer));
         return 0;
     }

@@ -21,12 +21,10 @@
 #include "usm_mgr.h"
 
 static int Usage(const char* why) {
-    fprintf(stderr,
-            "usm_passwd: %s\nusage: usm_passwd --user U --auth DIGEST --auth-password-file F --priv CIPHER "
-            "--priv-password-file F [--new-auth-password-file F] [--new-priv-password-file F] HOST:PORT\n"
-            "  (at least one new password file)\n  DIGEST: %s\n  CIPHER: %s\n",
-            why, UsmAuthNames(), UsmPrivNames());
-    return 2;
+    return UsmUsage("usm_passwd", why,
+                    "--user U --auth DIGEST --auth-password-file F --priv CIPHER --priv-password-file F "
+                    "[--new-auth-password-file F] [--new-priv-password-file F] HOST:PORT\n"
+                    "  (at least one new password file)");
 }
 
 /* One KeyChange binding: column 7 (own auth) or 10 (own priv) of usmUserEntry, its value random | delta. oid

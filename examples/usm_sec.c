@@ -71,8 +71,13 @@ const char* UsmUserFromOptions(UsmUser* user, const UsmOptions* options) {
                                 : NULL;
 }
 
-const char* UsmAuthNames(void) { return "MD5, SHA, SHA-224, SHA-256, SHA-384, SHA-512"; }
-const char* UsmPrivNames(void) { return "DES, 3DES, AES, AES-192, AES-256, AES-192-C, AES-256-C"; }
+int UsmUsage(const char* program, const char* why, const char* arguments) {
+    fprintf(stderr,
+            "%s: %s\nusage: %s %s\n  DIGEST: MD5, SHA, SHA-224, SHA-256, SHA-384, SHA-512\n"
+            "  CIPHER: DES, 3DES, AES, AES-192, AES-256, AES-192-C, AES-256-C\n",
+            program, why, program, arguments);
+    return 2;
+}
 
 size_t UsmPrivNeeded(const UsmPrivProtocol* priv) { return priv->keyLength + (priv->des ? 8 : 0); }
 

@@ -15,6 +15,12 @@
 
 #define USM_MAX_KEY 64 /* SHA-512 */
 #define USM_SALT_LENGTH 8
+/* Seconds an authenticated message's time may lie from the authoritative engine's (RFC 3414 2.2.3). */
+#define USM_TIME_WINDOW 150
+
+/* usmStats counters, in the order of their OIDs (1.3.6.1.6.3.15.1.1.N.0). */
+enum { UNSUPPORTED_SEC_LEVELS = 1, NOT_IN_TIME_WINDOWS, UNKNOWN_USER_NAMES, UNKNOWN_ENGINE_IDS, WRONG_DIGESTS,
+       DECRYPTION_ERRORS, STATS_COUNT };
 
 typedef struct UsmAuthProtocol {
     const char* name;   /* as snmpd's createUser and snmpget -a name it */
@@ -35,9 +41,9 @@ typedef struct UsmPrivProtocol {
 /* The table row for a name, or null. */
 const UsmAuthProtocol* UsmFindAuth(const char* name);
 const UsmPrivProtocol* UsmFindPriv(const char* name);
-/* "MD5, SHA, ..." for messages. */
-const char* UsmAuthNames(void);
-const char* UsmPrivNames(void);
+/* Prints why the command line will not do, the program's usage (its arguments) and the protocols' names on
+ * stderr; 2, the exit status for bad usage. */
+int UsmUsage(const char* program, const char* why, const char* arguments);
 /* Bytes of privacy key the protocol reads: the cipher's key, and the pre-IV for DES and 3DES. */
 size_t UsmPrivNeeded(const UsmPrivProtocol* priv);
 
