@@ -63,6 +63,28 @@ std::string Why(const char* what, const std::string& path, int error) {
     return std::string(what) + " " + path + ": " + std::generic_category().message(error);
 }
 
+// A new OUT may be a symlink to nothing yet: what is made on Commit is its target,
+// relative to the link's folder, and the link stays. True with path set to the
+// name to make; false, errno set, when a link cannot be read or the links loop.
+bool FollowDangling(std::string& path) {
+    struct stat status {};
+    for (int hops = 0; lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode); ++hops) {
+        // The kernel's own limit, which open already applied unless the links changed since.
+        if (hops == 40) {
+            errno = ELOOP;
+            return false;
+        }
+        std::string target(PATH_MAX, '\0');
+        const ssize_t length = readlink(path.c_str(), &target[0], target.size());
+        if (length < 0) return false;
+        target.resize(static_cast<size_t>(length));
+        const size_t slash = path.rfind('/');
+        if (target.compare(0, 1, "/") != 0 && slash != std::string::npos) target.insert(0, path, 0, slash + 1);
+        path = target;
+    }
+    return true;
+}
+
 }  // namespace
 
 void GuardTerminal(const termios* saved) {
@@ -129,15 +151,11 @@ bool Output::Open(const std::string& path, std::string& why) {
     int fd = open(path.c_str(), flags | O_NONBLOCK);
     // A FIFO with no reader yet: wait for one, as a program writing to it expects.
     if (fd < 0 && errno == ENXIO) fd = open(path.c_str(), flags);
-    struct stat status {};
-    // A symlink to nothing yet: its target is made, then replaced as a file.
-    const bool dangling =
-        fd < 0 && errno == ENOENT && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);  // cppcheck-suppress resourceLeak ; fd < 0 here
-    if (fd < 0 && (dangling || errno != ENOENT)) {
+    if (fd < 0 && errno != ENOENT) {
         why = Why("cannot write", path, errno);
         return false;
     }
+    struct stat status {};
     if (fd >= 0 && (fstat(fd, &status) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)) {
         why = Why("cannot write", path, errno);
         close(fd);
@@ -162,6 +180,9 @@ bool Output::Open(const std::string& path, std::string& why) {
             why = "cannot write " + path + ": it changed while being opened";
             return false;
         }
+    } else if (!FollowDangling(m_path)) {
+        why = Why("cannot write", path, errno);
+        return false;
     }
     std::string name = m_path + ".XXXXXX";
     m_fd = mkstemp(&name[0]);
