@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "commands.h"
+
 namespace zulcrypt {
 namespace {
 
@@ -109,18 +111,21 @@ void GuardTemporary(const char* path) {
 }
 
 Input::~Input() {
-    if (m_fd >= 0) close(m_fd);
+    if (m_owned) close(m_fd);
 }
 
-bool Input::Open(const std::string& path, std::istream& in, std::string& why) {
-    m_path = path;
+bool Input::Open(const std::string& path, const Streams& io, std::string& why) {
     if (path == "-") {
-        m_stream = &in;
+        m_path = "standard input";
+        m_fd = io.inFd;
+        if (m_fd < 0) m_stream = &io.in;
         return true;
     }
+    m_path = path;
     m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    m_owned = m_fd >= 0;
     if (m_fd < 0) why = Why("cannot read", path, errno);
-    return m_fd >= 0;
+    return m_owned;
 }
 
 long Input::Read(unsigned char* data, size_t size, std::string& why) {
