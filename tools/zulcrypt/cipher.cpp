@@ -112,7 +112,7 @@ int Run(CipherOptions& options, Streams& io, bool encrypt) {
         return Usage(io, command, "the output is the input file " + options.in + "; write to another file");
     }
     Input in;
-    if (!in.Open(options.in, io.in, why)) return Refused(io, command, why);
+    if (!in.Open(options.in, io, why)) return Refused(io, command, why);
 
     Session session(io.err);
     CZulCryptContext context;

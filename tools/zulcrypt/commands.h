@@ -23,8 +23,8 @@ struct Streams {
     std::ostream& err;
     // Whether standard input is a terminal a password can be typed on.
     bool terminal = false;
-    // Standard input's descriptor when in is std::cin: passwords are read from it
-    // directly, as stdio's buffer behind std::cin would keep them unwiped. -1: from in.
+    // Standard input's descriptor when in is std::cin: read directly, as stdio's
+    // buffer behind std::cin would keep a password unwiped. -1: from in.
     int inFd = -1;
 };
 

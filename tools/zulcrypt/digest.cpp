@@ -35,7 +35,7 @@ struct DigestOptions {
 int AddInput(const char* command, const std::string& path, CZulCryptMDContext& md, Streams& io) {
     Input in;
     std::string why;
-    if (!in.Open(path, io.in, why)) return Refused(io, command, why);
+    if (!in.Open(path, io, why)) return Refused(io, command, why);
     // The input may be plaintext an HMAC protects.
     Bytes chunk(kChunk);
     for (long got = 0; (got = in.Read(chunk.data(), chunk.size(), why)) != 0;) {

@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "commands.h"
+
 namespace zulcrypt {
 namespace {
 
@@ -63,6 +65,28 @@ std::string Why(const char* what, const std::string& path, int error) {
     return std::string(what) + " " + path + ": " + std::generic_category().message(error);
 }
 
+// A new OUT may be a symlink to nothing yet: what is made on Commit is its target,
+// relative to the link's folder, and the link stays. True with path set to the
+// name to make; false, errno set, when a link cannot be read or the links loop.
+bool FollowDangling(std::string& path) {
+    struct stat status {};
+    for (int hops = 0; lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode); ++hops) {
+        // The kernel's own limit, which open already applied unless the links changed since.
+        if (hops == 40) {
+            errno = ELOOP;
+            return false;
+        }
+        std::string target(PATH_MAX, '\0');
+        const ssize_t length = readlink(path.c_str(), &target[0], target.size());
+        if (length < 0) return false;
+        target.resize(static_cast<size_t>(length));
+        const size_t slash = path.rfind('/');
+        if (target.compare(0, 1, "/") != 0 && slash != std::string::npos) target.insert(0, path, 0, slash + 1);
+        path = target;
+    }
+    return true;
+}
+
 }  // namespace
 
 void GuardTerminal(const termios* saved) {
@@ -87,18 +111,21 @@ void GuardTemporary(const char* path) {
 }
 
 Input::~Input() {
-    if (m_fd >= 0) close(m_fd);
+    if (m_owned) close(m_fd);
 }
 
-bool Input::Open(const std::string& path, std::istream& in, std::string& why) {
-    m_path = path;
+bool Input::Open(const std::string& path, const Streams& io, std::string& why) {
     if (path == "-") {
-        m_stream = &in;
+        m_path = "standard input";
+        m_fd = io.inFd;
+        if (m_fd < 0) m_stream = &io.in;
         return true;
     }
+    m_path = path;
     m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    m_owned = m_fd >= 0;
     if (m_fd < 0) why = Why("cannot read", path, errno);
-    return m_fd >= 0;
+    return m_owned;
 }
 
 long Input::Read(unsigned char* data, size_t size, std::string& why) {
@@ -129,15 +156,11 @@ bool Output::Open(const std::string& path, std::string& why) {
     int fd = open(path.c_str(), flags | O_NONBLOCK);
     // A FIFO with no reader yet: wait for one, as a program writing to it expects.
     if (fd < 0 && errno == ENXIO) fd = open(path.c_str(), flags);
-    struct stat status {};
-    // A symlink to nothing yet: its target is made, then replaced as a file.
-    const bool dangling =
-        fd < 0 && errno == ENOENT && lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-    if (dangling) fd = open(path.c_str(), flags | O_CREAT, 0600);  // cppcheck-suppress resourceLeak ; fd < 0 here
-    if (fd < 0 && (dangling || errno != ENOENT)) {
+    if (fd < 0 && errno != ENOENT) {
         why = Why("cannot write", path, errno);
         return false;
     }
+    struct stat status {};
     if (fd >= 0 && (fstat(fd, &status) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)) {
         why = Why("cannot write", path, errno);
         close(fd);
@@ -162,6 +185,9 @@ bool Output::Open(const std::string& path, std::string& why) {
             why = "cannot write " + path + ": it changed while being opened";
             return false;
         }
+    } else if (!FollowDangling(m_path)) {
+        why = Why("cannot write", path, errno);
+        return false;
     }
     std::string name = m_path + ".XXXXXX";
     m_fd = mkstemp(&name[0]);

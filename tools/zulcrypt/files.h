@@ -11,6 +11,8 @@
 
 namespace zulcrypt {
 
+struct Streams;
+
 // A command's input, the file at a path or standard input for "-", read in pieces.
 class Input {
 public:
@@ -19,14 +21,18 @@ public:
     Input(const Input&) = delete;
     Input& operator=(const Input&) = delete;
 
-    // False, with why set, when the file cannot be opened.
-    bool Open(const std::string& path, std::istream& in, std::string& why);
+    // False, with why set, when the file cannot be opened. "-" is io.inFd when
+    // set, else io.in.
+    bool Open(const std::string& path, const Streams& io, std::string& why);
     // Up to size bytes into data: their count, 0 at the end, -1 with why set on a read error.
     long Read(unsigned char* data, size_t size, std::string& why);
+    // The path, or "standard input" for "-", as messages name it.
+    const std::string& Name() const { return m_path; }
 
 private:
     std::istream* m_stream = nullptr;
     int m_fd = -1;
+    bool m_owned = false;
     std::string m_path;
 };
 

@@ -193,22 +193,22 @@ int UsmKeys(UsmOptions& o, Streams& io) {
         if (!privGiven) privPassword = shared;
         authGiven = privGiven = true;
     }
+    // A prompt that could not be read says why; with no terminal to prompt on, an option is missing.
+    const auto promptFailed = [&io, &why](const char* needed) {
+        return !why.empty() ? Refused(io, kName, why) : Usage(io, kName, needed);
+    };
     if (!authGiven) {
         const char* prompt = privGiven ? "authentication password: " : "password (authentication and privacy): ";
         if (!PromptPassword(prompt, io, authPassword, why)) {
-            return !why.empty() ? Refused(io, kName, why)
-                                : Usage(io, kName,
-                                        "a password is required: --password-file FILE, --auth-password-file FILE or a"
-                                        " terminal");
+            return promptFailed(
+                "a password is required: --password-file FILE, --auth-password-file FILE or a terminal");
         }
         if (!privGiven) privPassword = authPassword;
         privGiven = true;
     }
     if (!privGiven && !PromptPassword("privacy password: ", io, privPassword, why)) {
-        return !why.empty() ? Refused(io, kName, why)
-                            : Usage(io, kName,
-                                    "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE"
-                                    " or a terminal");
+        return promptFailed(
+            "--priv needs a privacy password: --priv-password-file FILE, --password-file FILE or a terminal");
     }
     if (authPassword.empty() || (priv != nullptr && privPassword.empty())) return Usage(io, kName, "empty password");
     if (onCommandLine) {
